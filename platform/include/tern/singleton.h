@@ -1,0 +1,22 @@
+// Lazily created process-wide instances.
+#ifndef TERN_SINGLETON_H
+#define TERN_SINGLETON_H
+
+namespace tern {
+
+// The one T of the process, created on first use (thread-safe) and destroyed
+// at exit.
+template <typename T>
+class Singleton {
+ public:
+  static T& getInstance() {
+    static T instance;
+    return instance;
+  }
+
+  Singleton() = delete;
+};
+
+}  // namespace tern
+
+#endif  // TERN_SINGLETON_H

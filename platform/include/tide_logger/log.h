@@ -1,0 +1,111 @@
+// TideLogger: structured log entries, one JSON object per line.
+//
+//   tide::Log::build(tide::kInfo, "Velora/web")
+//       .event("setSchemeHandler", webTag)
+//       .key("url").value(url)
+//       .done();
+//
+// Line format: {"ts":ms,"level":n,"tag":"...","event":"...","id":"...",
+// "parentId":"..." (when set),"fields":{...},"error":"..." (when set)}.
+#ifndef TIDE_LOGGER_LOG_H
+#define TIDE_LOGGER_LOG_H
+
+#include <cstdint>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace tide {
+
+// Entry levels: lower is more severe.
+enum Level : int {
+  kError = 1,
+  kWarn = 2,
+  kInfo = 3,
+  kDebug = 4,
+};
+
+class LogBuilder {
+ public:
+  LogBuilder(int level, std::string tag);
+  LogBuilder(LogBuilder&&) = default;
+  LogBuilder(const LogBuilder&) = delete;
+  LogBuilder& operator=(const LogBuilder&) = delete;
+
+  // Names the entry and the object it is about.
+  LogBuilder& event(const std::string& name, const std::string& id = std::string());
+  LogBuilder& parentId(const std::string& id);
+  // Overrides the entry's time (ms since the epoch); default: when built.
+  LogBuilder& timestamp(int64_t ms);
+  LogBuilder& error(const std::string& message);
+
+  // Members: key(name) then one value(...).
+  LogBuilder& key(const std::string& name);
+  LogBuilder& value(const std::string& v) { return put(v); }
+  LogBuilder& value(const char* v) { return put(v ? v : ""); }
+  LogBuilder& value(bool v) { return put(v); }
+  LogBuilder& value(int v) { return put(v); }
+  LogBuilder& value(long v) { return put(v); }
+  LogBuilder& value(long long v) { return put(v); }
+  LogBuilder& value(unsigned v) { return put(v); }
+  LogBuilder& value(unsigned long v) { return put(v); }
+  LogBuilder& value(unsigned long long v) { return put(v); }
+  LogBuilder& value(float v) { return put(v); }
+  LogBuilder& value(double v) { return put(v); }
+  LogBuilder& value(const nlohmann::json& v) { return put(v); }
+
+  // Emits the entry. Once; a builder dropped without done() emits nothing.
+  void done();
+
+ private:
+  template <typename T>
+  LogBuilder& put(T&& v) {
+    fields_[pendingKey_] = std::forward<T>(v);
+    return *this;
+  }
+
+  int level_;
+  std::string tag_;
+  std::string event_;
+  std::string id_;
+  std::string parentId_;
+  std::string error_;
+  int64_t ts_;
+  bool hasParent_ = false;
+  bool hasError_ = false;
+  bool done_ = false;
+  std::string pendingKey_;
+  nlohmann::ordered_json fields_ = nlohmann::ordered_json::object();
+};
+
+class Log {
+ public:
+  static LogBuilder build(int level, const std::string& tag) { return LogBuilder(level, tag); }
+};
+
+// Collects every entry emitted in this process while it is alive (for tests
+// and tools). Thread-safe.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<nlohmann::ordered_json> entries() const;
+  // Entries whose "event" is `event` (and whose "tag" is `tag`, when given).
+  std::vector<nlohmann::ordered_json> find(const std::string& event,
+                                           const std::string& tag = std::string()) const;
+  void clear();
+
+  void add(const nlohmann::ordered_json& entry);
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<nlohmann::ordered_json> entries_;
+};
+
+}  // namespace tide
+
+#endif  // TIDE_LOGGER_LOG_H

@@ -1,0 +1,134 @@
+// Host TideLogger: entries go to $VELORA_LOG (a file, or "-" for stderr) and
+// to live LogCaptures; without $VELORA_LOG only error entries reach stderr.
+#include "tide_logger/log.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "common/host_env.h"
+#include "tern/time_utils.h"
+
+namespace tide {
+namespace {
+
+struct Outputs {
+  host::LineSink file{host::envOr("VELORA_LOG", "")};
+  host::LineSink errors{"-"};
+  std::mutex mutex;
+  std::vector<LogCapture*> captures;
+};
+
+Outputs& outputs() {
+  static Outputs* instance = new Outputs();  // outlives every static that logs at exit
+  return *instance;
+}
+
+std::string serialise(const nlohmann::ordered_json& entry) {
+  // Replace invalid UTF-8 rather than throw: a log line must never fail.
+  return entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+LogBuilder::LogBuilder(int level, std::string tag)
+    : level_(level), tag_(std::move(tag)), ts_(tern::currentTimeMillis()) {}
+
+LogBuilder& LogBuilder::event(const std::string& name, const std::string& id) {
+  event_ = name;
+  id_ = id;
+  return *this;
+}
+
+LogBuilder& LogBuilder::parentId(const std::string& id) {
+  parentId_ = id;
+  hasParent_ = true;
+  return *this;
+}
+
+LogBuilder& LogBuilder::timestamp(int64_t ms) {
+  ts_ = ms;
+  return *this;
+}
+
+LogBuilder& LogBuilder::error(const std::string& message) {
+  error_ = message;
+  hasError_ = true;
+  return *this;
+}
+
+LogBuilder& LogBuilder::key(const std::string& name) {
+  pendingKey_ = name;
+  return *this;
+}
+
+void LogBuilder::done() {
+  if (done_) {
+    return;
+  }
+  done_ = true;
+  nlohmann::ordered_json entry;
+  entry["ts"] = ts_;
+  entry["level"] = level_;
+  entry["tag"] = tag_;
+  entry["event"] = event_;
+  entry["id"] = id_;
+  if (hasParent_)
+    entry["parentId"] = parentId_;
+  entry["fields"] = std::move(fields_);
+  if (hasError_)
+    entry["error"] = error_;
+
+  Outputs& out = outputs();
+  {
+    std::lock_guard<std::mutex> lock(out.mutex);
+    for (LogCapture* capture : out.captures)
+      capture->add(entry);
+  }
+  if (out.file.enabled()) {
+    out.file.writeLine(serialise(entry));
+  } else if (level_ <= kError) {
+    out.errors.writeLine(serialise(entry));
+  }
+}
+
+LogCapture::LogCapture() {
+  Outputs& out = outputs();
+  std::lock_guard<std::mutex> lock(out.mutex);
+  out.captures.push_back(this);
+}
+
+LogCapture::~LogCapture() {
+  Outputs& out = outputs();
+  std::lock_guard<std::mutex> lock(out.mutex);
+  out.captures.erase(std::remove(out.captures.begin(), out.captures.end(), this),
+                     out.captures.end());
+}
+
+void LogCapture::add(const nlohmann::ordered_json& entry) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  entries_.push_back(entry);
+}
+
+std::vector<nlohmann::ordered_json> LogCapture::entries() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return entries_;
+}
+
+std::vector<nlohmann::ordered_json> LogCapture::find(const std::string& event,
+                                                     const std::string& tag) const {
+  std::vector<nlohmann::ordered_json> found;
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& entry : entries_) {
+    if (entry["event"] == event && (tag.empty() || entry["tag"] == tag)) {
+      found.push_back(entry);
+    }
+  }
+  return found;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  entries_.clear();
+}
+
+}  // namespace tide

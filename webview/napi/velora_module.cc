@@ -1,0 +1,119 @@
+// The script-facing surface of the module "velora": registration and the
+// functions the script layer calls.
+#include "first_chunk/first_chunk_manager.h"
+#include "first_chunk/ssr_client_info.h"
+#include "intercept/intercept_manager.h"
+#include "napi/init_helper.h"
+#include "napi/napi_helper.h"
+#include "napi/native_api.h"
+#include "tern/singleton.h"
+#include "tide_logger/log.h"
+#include "user_agent/user_agent_helper.h"
+
+namespace velora {
+namespace {
+
+constexpr char kWebTag[] = "Velora/web";
+
+napi_value SdkInit(napi_env env, napi_callback_info info) {
+  InitHelper::parseSDKInitParams(env, info);
+  InterceptManager::getInstance().init();
+  return nullptr;
+}
+
+napi_value SetClientInfo(napi_env env, napi_callback_info info) {
+  InitHelper::parseSetClientInfoParams(env, info);
+  auto client = SSRClientInfo::getClientInfo();
+  tide::Log::build(tide::kInfo, kWebTag)
+      .event("setClientInfo")
+      .key("displayWith")
+      .value(client->width())
+      .key("displayHeight")
+      .value(client->height())
+      .key("safeAreaHeight")
+      .value(client->safeAreaHeight())
+      .key("deviceRatio")
+      .value(client->deviceRatio())
+      .key("landscape")
+      .value(client->landscape())
+      .done();
+  return nullptr;
+}
+
+napi_value SetSafeAreaHeight(napi_env env, napi_callback_info info) {
+  napi_value height = NapiHelper::getArgument(env, info, 0);
+  if (!height)
+    return nullptr;
+  // ToInt32: truncates toward zero, never undefined behaviour on NaN or huge values.
+  SSRClientInfo::setSafeAreaHeight(NapiHelper::getInt32(env, height));
+  return nullptr;
+}
+
+napi_value SetFccEnable(napi_env env, napi_callback_info info) {
+  napi_value enable = NapiHelper::getArgument(env, info, 0);
+  if (!enable)
+    return nullptr;
+  tern::Singleton<FirstChunkManager>::getInstance().setEnable(NapiHelper::getBool(env, enable));
+  return nullptr;
+}
+
+napi_value SetNetworkIntercept(napi_env env, napi_callback_info info) {
+  napi_value enable = NapiHelper::getArgument(env, info, 0);
+  if (!enable)
+    return nullptr;
+  InterceptManager::getInstance().setInterceptEnable(NapiHelper::getBool(env, enable));
+  return nullptr;
+}
+
+napi_value SetNetworkInterceptOnlyMain(napi_env env, napi_callback_info info) {
+  napi_value only = NapiHelper::getArgument(env, info, 0);
+  if (!only)
+    return nullptr;
+  InterceptManager::getInstance().setOnlyMainHtml(NapiHelper::getBool(env, only));
+  return nullptr;
+}
+
+napi_value SetUserAgent(napi_env env, napi_callback_info info) {
+  napi_value text = NapiHelper::getArgument(env, info, 0);
+  if (!text)
+    return nullptr;
+  std::string userAgent = NapiHelper::getString(env, text);
+  if (!userAgent.empty())
+    UserAgentHelper::getInstance().setUserAgent(std::move(userAgent));
+  return nullptr;
+}
+
+constexpr napi_property_descriptor kProperties[] = {
+    {"sdkInit", nullptr, SdkInit, nullptr, nullptr, nullptr, napi_default, nullptr},
+    {"setClientInfo", nullptr, SetClientInfo, nullptr, nullptr, nullptr, napi_default, nullptr},
+    {"setSafeAreaHeight", nullptr, SetSafeAreaHeight, nullptr, nullptr, nullptr, napi_default,
+     nullptr},
+    {"setFccEnable", nullptr, SetFccEnable, nullptr, nullptr, nullptr, napi_default, nullptr},
+    {"setNetworkIntercept", nullptr, SetNetworkIntercept, nullptr, nullptr, nullptr, napi_default,
+     nullptr},
+    {"setNetworkInterceptOnlyMain", nullptr, SetNetworkInterceptOnlyMain, nullptr, nullptr, nullptr,
+     napi_default, nullptr},
+    {"setUserAgent", nullptr, SetUserAgent, nullptr, nullptr, nullptr, napi_default, nullptr},
+};
+
+napi_value Init(napi_env env, napi_value exports) {
+  napi_define_properties(env, exports, sizeof(kProperties) / sizeof(kProperties[0]), kProperties);
+  return exports;
+}
+
+napi_module veloraModule = {
+    1,         // nm_version
+    0,         // nm_flags
+    nullptr,   // nm_filename
+    Init,      // nm_register_func
+    "velora",  // nm_modname
+    nullptr,   // nm_priv
+    {nullptr, nullptr, nullptr, nullptr},
+};
+
+}  // namespace
+}  // namespace velora
+
+extern "C" __attribute__((constructor)) void RegisterEntryModule() {
+  napi_module_register(&velora::veloraModule);
+}
