@@ -1,0 +1,388 @@
+// arkweb_host.node: the host web engine driven from JavaScript.
+//
+//   const host = require('./build/arkweb_host.node');
+//   const web = host.createWebComponent('page1');
+//   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
+//                                onData(chunk, atMs) {}, cancelAfterMs });
+//   web.destroy();
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "arkweb_host/web_component.h"
+#include "napi/native_api.h"
+
+napi_status velora_register_platform_module(napi_env env, const char* name, napi_value value);
+
+namespace {
+
+using arkweb_host::LoadOptions;
+using arkweb_host::LoadResult;
+using arkweb_host::WebComponent;
+
+#define NAPI_OK(call)             \
+  do {                            \
+    if ((call) != napi_ok)        \
+      return throwLastError(env); \
+  } while (0)
+
+napi_value throwLastError(napi_env env) {
+  const napi_extended_error_info* info = nullptr;
+  napi_get_last_error_info(env, &info);
+  bool pending = false;
+  napi_is_exception_pending(env, &pending);
+  if (!pending) {
+    napi_throw_error(env, nullptr,
+                     info && info->error_message ? info->error_message : "napi call failed");
+  }
+  return nullptr;
+}
+
+napi_value throwType(napi_env env, const char* message) {
+  napi_throw_type_error(env, nullptr, message);
+  return nullptr;
+}
+
+std::string stringOf(napi_env env, napi_value value) {
+  size_t length = 0;
+  if (napi_get_value_string_utf8(env, value, nullptr, 0, &length) != napi_ok)
+    return std::string();
+  std::string text(length, '\0');
+  napi_get_value_string_utf8(env, value, text.data(), length + 1, &length);
+  return text;
+}
+
+napi_valuetype typeOf(napi_env env, napi_value value) {
+  napi_valuetype type = napi_undefined;
+  napi_typeof(env, value, &type);
+  return type;
+}
+
+napi_value property(napi_env env, napi_value object, const char* name) {
+  napi_value value = nullptr;
+  napi_get_named_property(env, object, name, &value);
+  return value;
+}
+
+// Bytes of a Buffer, TypedArray, ArrayBuffer or string.
+bool bytesOf(napi_env env, napi_value value, std::string* out) {
+  bool is = false;
+  void* data = nullptr;
+  size_t length = 0;
+  if (napi_is_buffer(env, value, &is) == napi_ok && is) {
+    napi_get_buffer_info(env, value, &data, &length);
+  } else if (napi_is_typedarray(env, value, &is) == napi_ok && is) {
+    napi_typedarray_type type;
+    size_t count = 0, offset = 0;
+    napi_value arrayBuffer;
+    napi_get_typedarray_info(env, value, &type, &count, &data, &arrayBuffer, &offset);
+    length = count;  // Uint8Array and friends: bytes
+  } else if (napi_is_arraybuffer(env, value, &is) == napi_ok && is) {
+    napi_get_arraybuffer_info(env, value, &data, &length);
+  } else if (typeOf(env, value) == napi_string) {
+    *out = stringOf(env, value);
+    return true;
+  } else {
+    return false;
+  }
+  out->assign(static_cast<const char*>(data), length);
+  return true;
+}
+
+// Events of one load, carried to the script thread in order.
+struct LoadEvent {
+  bool done = false;
+  std::string chunk;
+  double atMs = 0;
+  LoadResult result;
+};
+
+struct LoadContext {
+  napi_deferred deferred = nullptr;
+  napi_ref onData = nullptr;
+  napi_threadsafe_function events = nullptr;
+};
+
+napi_value number(napi_env env, double value) {
+  napi_value result;
+  napi_create_double(env, value, &result);
+  return result;
+}
+
+napi_value optionalNumber(napi_env env, double value) {
+  if (value >= 0)
+    return number(env, value);
+  napi_value nullValue;
+  napi_get_null(env, &nullValue);
+  return nullValue;
+}
+
+napi_value resultObject(napi_env env, const LoadResult& result) {
+  napi_value object, value;
+  napi_create_object(env, &object);
+  napi_get_boolean(env, result.intercepted, &value);
+  napi_set_named_property(env, object, "intercepted", value);
+  napi_create_string_utf8(env, result.url.c_str(), result.url.size(), &value);
+  napi_set_named_property(env, object, "url", value);
+  napi_set_named_property(env, object, "status", number(env, result.status));
+  napi_create_string_utf8(env, result.statusText.c_str(), result.statusText.size(), &value);
+  napi_set_named_property(env, object, "statusText", value);
+  napi_value headers;
+  napi_create_array_with_length(env, result.headers.size(), &headers);
+  for (size_t i = 0; i < result.headers.size(); ++i) {
+    napi_value pair, name, headerValue;
+    napi_create_array_with_length(env, 2, &pair);
+    napi_create_string_utf8(env, result.headers[i].first.c_str(), result.headers[i].first.size(),
+                            &name);
+    napi_create_string_utf8(env, result.headers[i].second.c_str(), result.headers[i].second.size(),
+                            &headerValue);
+    napi_set_element(env, pair, 0, name);
+    napi_set_element(env, pair, 1, headerValue);
+    napi_set_element(env, headers, static_cast<uint32_t>(i), pair);
+  }
+  napi_set_named_property(env, object, "headers", headers);
+  napi_create_string_utf8(env, result.mimeType.c_str(), result.mimeType.size(), &value);
+  napi_set_named_property(env, object, "mimeType", value);
+  napi_create_string_utf8(env, result.charset.c_str(), result.charset.size(), &value);
+  napi_set_named_property(env, object, "charset", value);
+  void* copy = nullptr;
+  napi_create_buffer_copy(env, result.body.size(), result.body.data(), &copy, &value);
+  napi_set_named_property(env, object, "body", value);
+  napi_set_named_property(env, object, "bodySize",
+                          number(env, static_cast<double>(result.bodySize)));
+  if (result.error != 0) {
+    value = number(env, result.error);
+  } else {
+    napi_get_null(env, &value);
+  }
+  napi_set_named_property(env, object, "error", value);
+  napi_set_named_property(env, object, "redirects", number(env, result.redirects));
+  napi_value timing;
+  napi_create_object(env, &timing);
+  napi_set_named_property(env, timing, "start", number(env, result.timing.start));
+  napi_set_named_property(env, timing, "response", optionalNumber(env, result.timing.response));
+  napi_set_named_property(env, timing, "firstByte", optionalNumber(env, result.timing.firstByte));
+  napi_set_named_property(env, timing, "finish", optionalNumber(env, result.timing.finish));
+  napi_set_named_property(env, object, "timing", timing);
+  return object;
+}
+
+void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* eventData) {
+  auto* context = static_cast<LoadContext*>(contextData);
+  std::unique_ptr<LoadEvent> event(static_cast<LoadEvent*>(eventData));
+  if (!env)
+    return;  // the environment is going away
+  if (!event->done) {
+    if (!context->onData)
+      return;
+    napi_value callback, undefined, args[2];
+    napi_get_reference_value(env, context->onData, &callback);
+    napi_get_undefined(env, &undefined);
+    void* copy = nullptr;
+    napi_create_buffer_copy(env, event->chunk.size(), event->chunk.data(), &copy, &args[0]);
+    args[1] = number(env, event->atMs);
+    napi_call_function(env, undefined, callback, 2, args, nullptr);
+    return;
+  }
+  napi_resolve_deferred(env, context->deferred, resultObject(env, event->result));
+  if (context->onData)
+    napi_delete_reference(env, context->onData);
+  context->onData = nullptr;
+  napi_release_threadsafe_function(context->events, napi_tsfn_release);
+}
+
+void finalizeContext(napi_env, void* data, void*) {
+  delete static_cast<LoadContext*>(data);
+}
+
+std::shared_ptr<WebComponent>* componentOf(napi_env env,
+                                           napi_callback_info info,
+                                           size_t* argc,
+                                           napi_value* argv) {
+  napi_value self;
+  if (napi_get_cb_info(env, info, argc, argv, &self, nullptr) != napi_ok)
+    return nullptr;
+  void* wrapped = nullptr;
+  if (napi_unwrap(env, self, &wrapped) != napi_ok)
+    return nullptr;
+  return static_cast<std::shared_ptr<WebComponent>*>(wrapped);
+}
+
+bool parseHeaders(napi_env env, napi_value value, arkweb_host::HeaderList* headers) {
+  napi_valuetype type = typeOf(env, value);
+  if (type == napi_undefined || type == napi_null)
+    return true;
+  bool isArray = false;
+  napi_is_array(env, value, &isArray);
+  if (isArray) {
+    uint32_t length = 0;
+    napi_get_array_length(env, value, &length);
+    for (uint32_t i = 0; i < length; ++i) {
+      napi_value pair, name, headerValue;
+      napi_get_element(env, value, i, &pair);
+      napi_get_element(env, pair, 0, &name);
+      napi_get_element(env, pair, 1, &headerValue);
+      headers->emplace_back(stringOf(env, name), stringOf(env, headerValue));
+    }
+    return true;
+  }
+  if (type != napi_object)
+    return false;
+  napi_value names;
+  napi_get_property_names(env, value, &names);
+  uint32_t length = 0;
+  napi_get_array_length(env, names, &length);
+  for (uint32_t i = 0; i < length; ++i) {
+    napi_value name, headerValue;
+    napi_get_element(env, names, i, &name);
+    napi_get_property(env, value, name, &headerValue);
+    headers->emplace_back(stringOf(env, name), stringOf(env, headerValue));
+  }
+  return true;
+}
+
+napi_value Load(napi_env env, napi_callback_info info) {
+  size_t argc = 1;
+  napi_value argv[1] = {nullptr};
+  auto* component = componentOf(env, info, &argc, argv);
+  if (!component)
+    return throwType(env, "load: not a web component");
+  if (argc < 1 || typeOf(env, argv[0]) != napi_object) {
+    return throwType(env, "load: expected an options object with a url");
+  }
+  napi_value options = argv[0];
+  LoadOptions load;
+  load.url = stringOf(env, property(env, options, "url"));
+  if (load.url.empty())
+    return throwType(env, "load: options.url must be a non-empty string");
+  napi_value value = property(env, options, "method");
+  if (typeOf(env, value) == napi_string)
+    load.method = stringOf(env, value);
+  if (!parseHeaders(env, property(env, options, "headers"), &load.headers)) {
+    return throwType(env, "load: headers must be an object or an array of [name, value]");
+  }
+  value = property(env, options, "mainFrame");
+  if (typeOf(env, value) == napi_boolean)
+    napi_get_value_bool(env, value, &load.mainFrame);
+  value = property(env, options, "referrer");
+  if (typeOf(env, value) == napi_string)
+    load.referrer = stringOf(env, value);
+  value = property(env, options, "body");
+  if (typeOf(env, value) != napi_undefined && typeOf(env, value) != napi_null) {
+    std::string body;
+    if (!bytesOf(env, value, &body))
+      return throwType(env, "load: body must be a Buffer or string");
+    load.body = std::move(body);
+  }
+  value = property(env, options, "chunked");
+  if (typeOf(env, value) == napi_boolean)
+    napi_get_value_bool(env, value, &load.chunked);
+  value = property(env, options, "followRedirects");
+  if (typeOf(env, value) == napi_boolean)
+    napi_get_value_bool(env, value, &load.followRedirects);
+  value = property(env, options, "keepBody");
+  if (typeOf(env, value) == napi_boolean)
+    napi_get_value_bool(env, value, &load.keepBody);
+  value = property(env, options, "cancelAfterMs");
+  if (typeOf(env, value) == napi_number) {
+    double ms = 0;
+    napi_get_value_double(env, value, &ms);
+    load.cancelAfterMs = static_cast<long>(ms);
+  }
+
+  auto* context = new LoadContext();
+  napi_value promise;
+  NAPI_OK(napi_create_promise(env, &context->deferred, &promise));
+  napi_value onData = property(env, options, "onData");
+  if (typeOf(env, onData) == napi_function)
+    napi_create_reference(env, onData, 1, &context->onData);
+  napi_value name;
+  napi_create_string_utf8(env, "arkweb_host.load", NAPI_AUTO_LENGTH, &name);
+  NAPI_OK(napi_create_threadsafe_function(env, nullptr, nullptr, name, 0, 1, context,
+                                          finalizeContext, context, deliverEvent,
+                                          &context->events));
+  napi_threadsafe_function events = context->events;
+  if (context->onData) {
+    load.onData = [events](const char* data, size_t size, double atMs) {
+      auto* event = new LoadEvent();
+      event->chunk.assign(data, size);
+      event->atMs = atMs;
+      napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
+    };
+  }
+  (*component)->load(std::move(load), [events](LoadResult result) {
+    auto* event = new LoadEvent();
+    event->done = true;
+    event->result = std::move(result);
+    napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
+  });
+  return promise;
+}
+
+napi_value Destroy(napi_env env, napi_callback_info info) {
+  size_t argc = 0;
+  auto* component = componentOf(env, info, &argc, nullptr);
+  if (!component)
+    return throwType(env, "destroy: not a web component");
+  (*component)->destroy();
+  return nullptr;
+}
+
+void finalizeComponent(napi_env, void* data, void*) {
+  delete static_cast<std::shared_ptr<WebComponent>*>(data);
+}
+
+napi_value CreateWebComponent(napi_env env, napi_callback_info info) {
+  size_t argc = 1;
+  napi_value argv[1] = {nullptr};
+  napi_get_cb_info(env, info, &argc, argv, nullptr, nullptr);
+  if (argc < 1 || typeOf(env, argv[0]) != napi_string) {
+    return throwType(env, "createWebComponent: expected the web tag as a string");
+  }
+  std::string tag = stringOf(env, argv[0]);
+  napi_value object;
+  NAPI_OK(napi_create_object(env, &object));
+  napi_value tagValue;
+  napi_create_string_utf8(env, tag.c_str(), tag.size(), &tagValue);
+  napi_property_descriptor properties[] = {
+      {"tag", nullptr, nullptr, nullptr, nullptr, tagValue, napi_enumerable, nullptr},
+      {"load", nullptr, Load, nullptr, nullptr, nullptr, napi_default, nullptr},
+      {"destroy", nullptr, Destroy, nullptr, nullptr, nullptr, napi_default, nullptr},
+  };
+  NAPI_OK(napi_define_properties(env, object, 3, properties));
+  auto* component = new std::shared_ptr<WebComponent>(WebComponent::create(tag));
+  NAPI_OK(napi_wrap(env, object, component, finalizeComponent, nullptr, nullptr));
+  return object;
+}
+
+napi_value RegisterPlatformModule(napi_env env, napi_callback_info info) {
+  size_t argc = 2;
+  napi_value argv[2] = {nullptr, nullptr};
+  napi_get_cb_info(env, info, &argc, argv, nullptr, nullptr);
+  if (argc < 2 || typeOf(env, argv[0]) != napi_string) {
+    return throwType(env, "registerPlatformModule: expected (name, module)");
+  }
+  NAPI_OK(velora_register_platform_module(env, stringOf(env, argv[0]).c_str(), argv[1]));
+  return nullptr;
+}
+
+napi_value WaitIdle(napi_env, napi_callback_info) {
+  arkweb_host::waitIdle();
+  return nullptr;
+}
+
+napi_value Init(napi_env env, napi_value exports) {
+  napi_property_descriptor properties[] = {
+      {"createWebComponent", nullptr, CreateWebComponent, nullptr, nullptr, nullptr,
+       napi_enumerable, nullptr},
+      {"registerPlatformModule", nullptr, RegisterPlatformModule, nullptr, nullptr, nullptr,
+       napi_enumerable, nullptr},
+      {"waitIdle", nullptr, WaitIdle, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
+  };
+  napi_define_properties(env, exports, 3, properties);
+  return exports;
+}
+
+}  // namespace
+
+NAPI_MODULE(arkweb_host, Init)

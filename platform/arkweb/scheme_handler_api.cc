@@ -1,0 +1,513 @@
+// The ArkWeb scheme-handler C API on the host engine. Misuse that the
+// device tolerates (calls on ended requests, a second response) is ignored
+// with a hilog line.
+#include <strings.h>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
+
+#include "arkweb/engine_internal.h"
+#include "hilog/log.h"
+
+namespace arkweb_host {
+namespace {
+
+constexpr char kTag[] = "ArkWeb/host";
+
+struct StringRegistry {
+  std::mutex mutex;
+  std::unordered_map<char*, uint64_t> owners;
+};
+
+StringRegistry& strings() {
+  static StringRegistry* registry = new StringRegistry();  // used until exit
+  return *registry;
+}
+
+}  // namespace
+
+char* copyString(const std::string& text, uint64_t owner) {
+  char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+  std::memcpy(copy, text.c_str(), text.size() + 1);
+  StringRegistry& registry = strings();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  registry.owners[copy] = owner;
+  return copy;
+}
+
+void reclaimStrings(uint64_t owner) {
+  StringRegistry& registry = strings();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  for (auto it = registry.owners.begin(); it != registry.owners.end();) {
+    if (it->second == owner) {
+      std::free(it->first);
+      it = registry.owners.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace arkweb_host
+
+using arkweb_host::copyString;
+
+namespace {
+
+constexpr char kTag[] = "ArkWeb/host";
+
+int32_t invalid(const char* function) {
+  OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "%{public}s: invalid argument", function);
+  return ARKWEB_INVALID_PARAM;
+}
+
+void out(char** target, const std::string& text, uint64_t owner = 0) {
+  if (target)
+    *target = copyString(text, owner);
+}
+
+}  // namespace
+
+extern "C" {
+
+void OH_ArkWeb_ReleaseString(char* string) {
+  if (!string)
+    return;
+  auto& registry = arkweb_host::strings();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  auto it = registry.owners.find(string);
+  if (it == registry.owners.end()) {
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+                 "OH_ArkWeb_ReleaseString: not a string of the engine (released twice?)");
+    return;
+  }
+  std::free(it->first);
+  registry.owners.erase(it);
+}
+
+void OH_ArkWeb_ReleaseByteArray(uint8_t* byteArray) {
+  std::free(byteArray);
+}
+
+// ---- Scheme handler ----
+
+void OH_ArkWeb_CreateSchemeHandler(ArkWeb_SchemeHandler** schemeHandler) {
+  if (schemeHandler)
+    *schemeHandler = new ArkWeb_SchemeHandler_();
+}
+
+void OH_ArkWeb_DestroySchemeHandler(ArkWeb_SchemeHandler* schemeHandler) {
+  delete schemeHandler;
+}
+
+int32_t OH_ArkWebSchemeHandler_SetUserData(ArkWeb_SchemeHandler* schemeHandler, void* userData) {
+  if (!schemeHandler)
+    return invalid(__func__);
+  schemeHandler->userData.store(userData);
+  return ARKWEB_SUCCESS;
+}
+
+void* OH_ArkWebSchemeHandler_GetUserData(const ArkWeb_SchemeHandler* schemeHandler) {
+  return schemeHandler ? schemeHandler->userData.load() : nullptr;
+}
+
+int32_t OH_ArkWebSchemeHandler_SetOnRequestStart(ArkWeb_SchemeHandler* schemeHandler,
+                                                 ArkWeb_OnRequestStart onRequestStart) {
+  if (!schemeHandler)
+    return invalid(__func__);
+  schemeHandler->onStart.store(onRequestStart);
+  return ARKWEB_SUCCESS;
+}
+
+int32_t OH_ArkWebSchemeHandler_SetOnRequestStop(ArkWeb_SchemeHandler* schemeHandler,
+                                                ArkWeb_OnRequestStop onRequestStop) {
+  if (!schemeHandler)
+    return invalid(__func__);
+  schemeHandler->onStop.store(onRequestStop);
+  return ARKWEB_SUCCESS;
+}
+
+int32_t OH_ArkWeb_RegisterCustomSchemes(const char* scheme, int32_t /*option*/) {
+  if (!scheme || !*scheme)
+    return ARKWEB_INVALID_PARAM;
+  for (const char* reserved : {"http", "https", "file", "ftp", "about", "data"}) {
+    if (strcasecmp(scheme, reserved) == 0)
+      return ARKWEB_INVALID_PARAM;
+  }
+  return ARKWEB_SUCCESS;
+}
+
+// ---- Request ----
+
+int32_t OH_ArkWebResourceRequest_Destroy(const ArkWeb_ResourceRequest* resourceRequest) {
+  if (!resourceRequest)
+    return invalid(__func__);
+  delete resourceRequest;
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResourceRequest_GetUrl(const ArkWeb_ResourceRequest* request, char** url) {
+  if (request)
+    out(url, request->url, request->id);
+  else if (url)
+    *url = nullptr;
+}
+
+void OH_ArkWebResourceRequest_GetMethod(const ArkWeb_ResourceRequest* request, char** method) {
+  if (request)
+    out(method, request->method, request->id);
+  else if (method)
+    *method = nullptr;
+}
+
+void OH_ArkWebResourceRequest_GetReferrer(const ArkWeb_ResourceRequest* request, char** referrer) {
+  if (!referrer)
+    return;
+  *referrer = (request && !request->referrer.empty()) ? copyString(request->referrer, request->id)
+                                                      : nullptr;
+}
+
+void OH_ArkWebResourceRequest_GetFrameUrl(const ArkWeb_ResourceRequest* request, char** frameUrl) {
+  if (request)
+    out(frameUrl, request->frameUrl, request->id);
+  else if (frameUrl)
+    *frameUrl = nullptr;
+}
+
+bool OH_ArkWebResourceRequest_IsMainFrame(const ArkWeb_ResourceRequest* request) {
+  return request && request->mainFrame;
+}
+
+bool OH_ArkWebResourceRequest_HasGesture(const ArkWeb_ResourceRequest* request) {
+  return request && request->mainFrame;
+}
+
+bool OH_ArkWebResourceRequest_IsRedirect(const ArkWeb_ResourceRequest* request) {
+  return request && request->redirect;
+}
+
+int32_t OH_ArkWebResourceRequest_GetResourceType(const ArkWeb_ResourceRequest* request) {
+  if (!request)
+    return -1;
+  return request->mainFrame ? MAIN_FRAME : SUB_RESOURCE;
+}
+
+int32_t OH_ArkWebResourceRequest_SetUserData(ArkWeb_ResourceRequest* request, void* userData) {
+  if (!request)
+    return invalid(__func__);
+  request->userData.store(userData);
+  return ARKWEB_SUCCESS;
+}
+
+void* OH_ArkWebResourceRequest_GetUserData(const ArkWeb_ResourceRequest* request) {
+  return request ? request->userData.load() : nullptr;
+}
+
+void OH_ArkWebResourceRequest_GetRequestHeaders(const ArkWeb_ResourceRequest* request,
+                                                ArkWeb_RequestHeaderList** list) {
+  if (!list)
+    return;
+  *list = request ? new ArkWeb_RequestHeaderList_{request->headers} : nullptr;
+}
+
+void OH_ArkWebRequestHeaderList_Destroy(ArkWeb_RequestHeaderList* list) {
+  delete list;
+}
+
+int32_t OH_ArkWebRequestHeaderList_GetSize(const ArkWeb_RequestHeaderList* list) {
+  return list ? static_cast<int32_t>(list->headers.size()) : -1;
+}
+
+void OH_ArkWebRequestHeaderList_GetHeader(const ArkWeb_RequestHeaderList* list,
+                                          int32_t index,
+                                          char** key,
+                                          char** value) {
+  if (!list || index < 0 || static_cast<size_t>(index) >= list->headers.size()) {
+    invalid(__func__);
+    if (key)
+      *key = nullptr;
+    if (value)
+      *value = nullptr;
+    return;
+  }
+  out(key, list->headers[index].first);
+  out(value, list->headers[index].second);
+}
+
+// ---- Upload body stream ----
+
+void OH_ArkWebResourceRequest_GetHttpBodyStream(const ArkWeb_ResourceRequest* request,
+                                                ArkWeb_HttpBodyStream** stream) {
+  if (!stream)
+    return;
+  *stream = nullptr;
+  if (!request || !request->body)
+    return;
+  auto state = std::make_shared<BodyStreamState>();
+  state->source = request->body;
+  *stream = new ArkWeb_HttpBodyStream_{state};
+}
+
+void OH_ArkWebResourceRequest_DestroyHttpBodyStream(ArkWeb_HttpBodyStream* stream) {
+  if (!stream)
+    return;
+  {
+    // Waits for a read callback running on another thread.
+    std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+    stream->state->destroyed = true;
+  }
+  delete stream;
+}
+
+int32_t OH_ArkWebHttpBodyStream_SetUserData(ArkWeb_HttpBodyStream* stream, void* userData) {
+  if (!stream)
+    return invalid(__func__);
+  std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+  stream->state->userData = userData;
+  return ARKWEB_SUCCESS;
+}
+
+void* OH_ArkWebHttpBodyStream_GetUserData(const ArkWeb_HttpBodyStream* stream) {
+  if (!stream)
+    return nullptr;
+  std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+  return stream->state->userData;
+}
+
+int32_t OH_ArkWebHttpBodyStream_SetReadCallback(ArkWeb_HttpBodyStream* stream,
+                                                ArkWeb_HttpBodyStreamReadCallback readCallback) {
+  if (!stream)
+    return invalid(__func__);
+  std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+  stream->state->readCallback = readCallback;
+  return ARKWEB_SUCCESS;
+}
+
+int32_t OH_ArkWebHttpBodyStream_Init(ArkWeb_HttpBodyStream* stream,
+                                     ArkWeb_HttpBodyStreamInitCallback initCallback) {
+  if (!stream || !initCallback)
+    return invalid(__func__);
+  std::shared_ptr<BodyStreamState> state = stream->state;
+  arkweb_host::workerThread().post([state, stream, initCallback] {
+    std::lock_guard<std::recursive_mutex> lock(state->mutex);
+    if (state->destroyed)
+      return;
+    state->initialized = true;
+    initCallback(stream, ARKWEB_NET_OK);
+  });
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebHttpBodyStream_Read(const ArkWeb_HttpBodyStream* stream,
+                                  uint8_t* buffer,
+                                  int bufLen) {
+  // A zero-length read is answered with zero bytes (an empty sized body ends
+  // on its first read).
+  if (!stream || !buffer || bufLen < 0) {
+    invalid(__func__);
+    return;
+  }
+  std::shared_ptr<BodyStreamState> state = stream->state;
+  arkweb_host::workerThread().post([state, stream, buffer, bufLen] {
+    std::lock_guard<std::recursive_mutex> lock(state->mutex);
+    if (state->destroyed)
+      return;
+    if (!state->initialized) {
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "OH_ArkWebHttpBodyStream_Read before Init");
+    }
+    const std::string& bytes = state->source->bytes;
+    size_t n = std::min<size_t>(static_cast<size_t>(bufLen), bytes.size() - state->position);
+    std::memcpy(buffer, bytes.data() + state->position, n);
+    state->position += n;
+    if (state->readCallback)
+      state->readCallback(stream, buffer, static_cast<int>(n));
+  });
+}
+
+uint64_t OH_ArkWebHttpBodyStream_GetSize(const ArkWeb_HttpBodyStream* stream) {
+  if (!stream || stream->state->source->chunked)
+    return 0;
+  return stream->state->source->bytes.size();
+}
+
+uint64_t OH_ArkWebHttpBodyStream_GetPosition(const ArkWeb_HttpBodyStream* stream) {
+  if (!stream)
+    return 0;
+  std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+  return stream->state->position;
+}
+
+bool OH_ArkWebHttpBodyStream_IsChunked(const ArkWeb_HttpBodyStream* stream) {
+  return stream && stream->state->source->chunked;
+}
+
+bool OH_ArkWebHttpBodyStream_IsEof(const ArkWeb_HttpBodyStream* stream) {
+  if (!stream)
+    return false;
+  std::lock_guard<std::recursive_mutex> lock(stream->state->mutex);
+  return stream->state->position == stream->state->source->bytes.size();
+}
+
+bool OH_ArkWebHttpBodyStream_IsInMemory(const ArkWeb_HttpBodyStream* stream) {
+  return stream && !stream->state->source->chunked;
+}
+
+// ---- Response ----
+
+void OH_ArkWeb_CreateResponse(ArkWeb_Response** response) {
+  if (response)
+    *response = new ArkWeb_Response_();
+}
+
+void OH_ArkWeb_DestroyResponse(ArkWeb_Response* response) {
+  delete response;
+}
+
+#define WITH_RESPONSE(response) \
+  if (!response)                \
+    return invalid(__func__);   \
+  std::lock_guard<std::mutex> lock(response->mutex)
+
+int32_t OH_ArkWebResponse_SetUrl(ArkWeb_Response* response, const char* url) {
+  WITH_RESPONSE(response);
+  response->url = url ? url : "";
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResponse_GetUrl(const ArkWeb_Response* response, char** url) {
+  if (response)
+    out(url, response->url);
+}
+
+int32_t OH_ArkWebResponse_SetError(ArkWeb_Response* response, ArkWeb_NetError errorCode) {
+  WITH_RESPONSE(response);
+  response->error = errorCode;
+  return ARKWEB_SUCCESS;
+}
+
+ArkWeb_NetError OH_ArkWebResponse_GetError(const ArkWeb_Response* response) {
+  return response ? response->error : ARKWEB_ERR_FAILED;
+}
+
+int32_t OH_ArkWebResponse_SetStatus(ArkWeb_Response* response, int status) {
+  WITH_RESPONSE(response);
+  response->status = status;
+  return ARKWEB_SUCCESS;
+}
+
+int OH_ArkWebResponse_GetStatus(const ArkWeb_Response* response) {
+  return response ? response->status : -1;
+}
+
+int32_t OH_ArkWebResponse_SetStatusText(ArkWeb_Response* response, const char* statusText) {
+  WITH_RESPONSE(response);
+  response->statusText = statusText ? statusText : "";
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResponse_GetStatusText(const ArkWeb_Response* response, char** statusText) {
+  if (response)
+    out(statusText, response->statusText);
+}
+
+int32_t OH_ArkWebResponse_SetMimeType(ArkWeb_Response* response, const char* mimeType) {
+  WITH_RESPONSE(response);
+  response->mimeType = mimeType ? mimeType : "";
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResponse_GetMimeType(const ArkWeb_Response* response, char** mimeType) {
+  if (response)
+    out(mimeType, response->mimeType);
+}
+
+int32_t OH_ArkWebResponse_SetCharset(ArkWeb_Response* response, const char* charset) {
+  WITH_RESPONSE(response);
+  response->charset = charset ? charset : "";
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResponse_GetCharset(const ArkWeb_Response* response, char** charset) {
+  if (response)
+    out(charset, response->charset);
+}
+
+int32_t OH_ArkWebResponse_SetHeaderByName(ArkWeb_Response* response,
+                                          const char* name,
+                                          const char* value,
+                                          bool overwrite) {
+  if (!name || !value)
+    return invalid(__func__);
+  WITH_RESPONSE(response);
+  if (overwrite) {
+    auto& headers = response->headers;
+    for (auto it = headers.begin(); it != headers.end();) {
+      it = strcasecmp(it->first.c_str(), name) == 0 ? headers.erase(it) : it + 1;
+    }
+  }
+  response->headers.emplace_back(name, value);
+  return ARKWEB_SUCCESS;
+}
+
+void OH_ArkWebResponse_GetHeaderByName(const ArkWeb_Response* response,
+                                       const char* name,
+                                       char** value) {
+  if (!value)
+    return;
+  *value = nullptr;
+  if (!response || !name)
+    return;
+  for (const auto& header : response->headers) {
+    if (strcasecmp(header.first.c_str(), name) == 0) {
+      *value = copyString(header.second, 0);
+      return;
+    }
+  }
+}
+
+// ---- Resource handler ----
+
+int32_t OH_ArkWebResourceHandler_Destroy(const ArkWeb_ResourceHandler* resourceHandler) {
+  if (!resourceHandler)
+    return invalid(__func__);
+  delete resourceHandler;
+  return ARKWEB_SUCCESS;
+}
+
+int32_t OH_ArkWebResourceHandler_DidReceiveResponse(const ArkWeb_ResourceHandler* handler,
+                                                    const ArkWeb_Response* response) {
+  if (!handler || !response)
+    return invalid(__func__);
+  return handler->load->didReceiveResponse(response);
+}
+
+int32_t OH_ArkWebResourceHandler_DidReceiveData(const ArkWeb_ResourceHandler* handler,
+                                                const uint8_t* buffer,
+                                                int64_t bufLen) {
+  if (!handler || (!buffer && bufLen > 0) || bufLen < 0)
+    return invalid(__func__);
+  return handler->load->didReceiveData(buffer, bufLen);
+}
+
+int32_t OH_ArkWebResourceHandler_DidFinish(const ArkWeb_ResourceHandler* handler) {
+  if (!handler)
+    return invalid(__func__);
+  return handler->load->didFinish();
+}
+
+int32_t OH_ArkWebResourceHandler_DidFailWithError(const ArkWeb_ResourceHandler* handler,
+                                                  ArkWeb_NetError errorCode) {
+  if (!handler)
+    return invalid(__func__);
+  return handler->load->didFailWithError(errorCode, false);
+}
+
+int32_t OH_ArkWebResourceHandler_DidFailWithErrorV2(const ArkWeb_ResourceHandler* handler,
+                                                    ArkWeb_NetError errorCode,
+                                                    bool completeIfNoResponse) {
+  if (!handler)
+    return invalid(__func__);
+  return handler->load->didFailWithError(errorCode, completeIfNoResponse);
+}
+
+}  // extern "C"

@@ -1,0 +1,43 @@
+// A thread that runs posted tasks in order, some of them after a delay.
+#ifndef VELORA_PLATFORM_ARKWEB_TASK_RUNNER_H
+#define VELORA_PLATFORM_ARKWEB_TASK_RUNNER_H
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace arkweb_host {
+
+class TaskRunner {
+ public:
+  explicit TaskRunner(std::string name);
+  ~TaskRunner();  // runs what is due, drops delayed tasks, joins
+
+  void post(std::function<void()> task) { postDelayed(std::move(task), 0); }
+  void postDelayed(std::function<void()> task, long delayMs);
+  bool runsTasksOnCurrentThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+  // Blocks until no task is due or running (delayed tasks do not count).
+  void waitIdle();
+
+ private:
+  void loop();
+
+  using Clock = std::chrono::steady_clock;
+  std::string name_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::condition_variable idle_;
+  // Ordered by due time, then by posting order.
+  std::multimap<Clock::time_point, std::function<void()>> tasks_;
+  bool running_ = false;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace arkweb_host
+
+#endif  // VELORA_PLATFORM_ARKWEB_TASK_RUNNER_H

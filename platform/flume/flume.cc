@@ -1,0 +1,485 @@
+// flume on libcurl: one multi handle driven by one event thread.
+#include "flume/flume.h"
+
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <unordered_map>
+
+#include "hilog/log.h"
+
+namespace flume {
+namespace {
+
+constexpr char kTag[] = "flume";
+constexpr long kBufferSize = 256 * 1024;
+
+bool sameName(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string trim(const std::string& text) {
+  size_t start = text.find_first_not_of(" \t\r\n");
+  if (start == std::string::npos)
+    return std::string();
+  size_t end = text.find_last_not_of(" \t\r\n");
+  return text.substr(start, end - start + 1);
+}
+
+// Encodings libcurl decodes for us; a response naming one of these arrives
+// decoded, so its Content-Encoding and Content-Length no longer apply.
+bool isDecodedEncoding(const std::string& encoding) {
+  std::string lower;
+  for (char c : trim(encoding))
+    lower += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  return lower == "gzip" || lower == "x-gzip" || lower == "deflate" || lower == "br" ||
+         lower == "zstd";
+}
+
+}  // namespace
+
+// ---- Messages ----
+
+void FLHttpMessage::setHeadField(const std::string& name, const std::string& value) {
+  removeHeadField(name);
+  fields_.emplace_back(name, value);
+}
+
+void FLHttpMessage::addHeadField(const std::string& name, const std::string& value) {
+  fields_.emplace_back(name, value);
+}
+
+std::string FLHttpMessage::getHeadField(const std::string& name) const {
+  for (const auto& field : fields_) {
+    if (sameName(field.first, name))
+      return field.second;
+  }
+  return std::string();
+}
+
+void FLHttpMessage::removeHeadField(const std::string& name) {
+  fields_.erase(std::remove_if(fields_.begin(), fields_.end(),
+                               [&](const auto& field) { return sameName(field.first, name); }),
+                fields_.end());
+}
+
+RepeatedHeadFields FLHttpMessage::getRepeatedHeadFields() const {
+  RepeatedHeadFields repeated;
+  for (const auto& field : fields_)
+    repeated[field.first].push_back(field.second);
+  return repeated;
+}
+
+std::shared_ptr<FLHttpRequest> FLHttpRequest::create(const std::string& url) {
+  auto request = std::make_shared<FLHttpRequest>();
+  request->url_ = url;
+  return request;
+}
+
+// ---- Body stream ----
+
+std::shared_ptr<FLDataStream> FLDataStream::create() {
+  return std::make_shared<FLDataStream>();
+}
+
+void FLDataStream::write(char* data, unsigned long size, bool eof) {
+  std::function<void()> notify;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (eof_) {
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+                   "write after the last piece ignored (%{public}lu bytes)", size);
+      return;
+    }
+    if (size > 0)
+      pieces_.emplace_back(data, size);
+    eof_ = eof;
+    notify = std::move(onReadable_);
+    onReadable_ = nullptr;
+  }
+  if (notify)
+    notify();
+}
+
+size_t FLDataStream::read(char* out, size_t max, bool* ended, std::function<void()> onReadable) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  size_t copied = 0;
+  while (copied < max && !pieces_.empty()) {
+    const std::string& front = pieces_.front();
+    size_t n = std::min(max - copied, front.size() - offset_);
+    std::memcpy(out + copied, front.data() + offset_, n);
+    copied += n;
+    offset_ += n;
+    if (offset_ == front.size()) {
+      pieces_.pop_front();
+      offset_ = 0;
+    }
+  }
+  *ended = pieces_.empty() && eof_;
+  if (copied == 0 && !*ended)
+    onReadable_ = std::move(onReadable);
+  return copied;
+}
+
+// ---- Session ----
+
+class SessionCore {
+ public:
+  SessionCore() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    thread_ = std::thread([this] { loop(); });
+  }
+
+  ~SessionCore() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    curl_multi_wakeup(multi_);
+    thread_.join();
+    for (auto& [id, transfer] : live_) {
+      curl_multi_remove_handle(multi_, transfer->easy);
+      destroy(transfer);
+    }
+    curl_multi_cleanup(multi_);
+  }
+
+  void send(const std::shared_ptr<FLHttpRequest>& request, IFLHttpSessionListener* listener) {
+    auto* transfer = new Transfer();
+    transfer->id = nextId_.fetch_add(1);
+    transfer->core = this;
+    transfer->request = request;
+    transfer->listener = listener;
+    post({Command::kAdd, transfer, 0, nullptr});
+  }
+
+  void cancel(const std::shared_ptr<FLHttpRequest>& request) {
+    post({Command::kCancel, nullptr, 0, request.get()});
+  }
+
+ private:
+  struct Transfer {
+    uint64_t id = 0;
+    SessionCore* core = nullptr;
+    std::shared_ptr<FLHttpRequest> request;
+    IFLHttpSessionListener* listener = nullptr;
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    // The response being read: status line and fields of the current block.
+    int status = 0;
+    std::string statusText;
+    std::string version;
+    std::vector<std::pair<std::string, std::string>> fields;
+    bool responseDelivered = false;
+    bool sentDelivered = false;
+    char error[CURL_ERROR_SIZE] = {0};
+  };
+
+  struct Command {
+    enum Kind { kAdd, kUnpause, kCancel } kind;
+    Transfer* transfer;
+    uint64_t id;
+    const FLHttpRequest* request;
+  };
+
+  void post(Command command) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      commands_.push_back(command);
+    }
+    curl_multi_wakeup(multi_);
+  }
+
+  void loop() {
+    for (;;) {
+      std::vector<Command> commands;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_)
+          return;
+        commands.swap(commands_);
+      }
+      for (const Command& command : commands)
+        run(command);
+      int running = 0;
+      curl_multi_perform(multi_, &running);
+      int queued = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+        if (message->msg != CURLMSG_DONE)
+          continue;
+        Transfer* transfer = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+        complete(transfer, message->data.result);
+      }
+      curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+    }
+  }
+
+  void run(const Command& command) {
+    switch (command.kind) {
+      case Command::kAdd:
+        start(command.transfer);
+        break;
+      case Command::kUnpause: {
+        auto it = live_.find(command.id);
+        if (it != live_.end())
+          curl_easy_pause(it->second->easy, CURLPAUSE_CONT);
+        break;
+      }
+      case Command::kCancel:
+        for (auto& [id, transfer] : live_) {
+          if (transfer->request.get() == command.request) {
+            std::strncpy(transfer->error, "cancelled by the caller", CURL_ERROR_SIZE - 1);
+            curl_multi_remove_handle(multi_, transfer->easy);
+            complete(transfer, CURLE_ABORTED_BY_CALLBACK, /*removed=*/true);
+            break;
+          }
+        }
+        break;
+    }
+  }
+
+  void start(Transfer* transfer) {
+    FLHttpRequest& request = *transfer->request;
+    CURL* easy = curl_easy_init();
+    transfer->easy = easy;
+    curl_easy_setopt(easy, CURLOPT_URL, request.getURLString().c_str());
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->error);
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);   // the caller follows redirects
+    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");  // every encoding curl decodes
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kBufferSize);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, 30000L);
+    if (request.getIdleTimeoutMs() > 0) {
+      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
+                       std::max(1L, (request.getIdleTimeoutMs() + 999) / 1000));
+    }
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &SessionCore::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &SessionCore::onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer);
+
+    const std::string& method = request.getMethod();
+    curl_off_t uploadSize = -1;  // unknown: sent chunked
+    for (const auto& [name, value] : request.getHeadFields()) {
+      // curl sends its own Accept-Encoding (it decodes what it asks for) and
+      // its own Content-Length; a caller's length sizes the upload instead.
+      if (sameName(name, "Accept-Encoding"))
+        continue;
+      if (sameName(name, "Content-Length")) {
+        uploadSize = std::strtoll(value.c_str(), nullptr, 10);
+        continue;
+      }
+      std::string line = value.empty() ? name + ";" : name + ": " + value;
+      transfer->headers = curl_slist_append(transfer->headers, line.c_str());
+    }
+    transfer->headers = curl_slist_append(transfer->headers, "Expect:");
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+
+    if (request.getBodyStream()) {
+      curl_easy_setopt(easy, CURLOPT_POST, 1L);
+      curl_easy_setopt(easy, CURLOPT_READFUNCTION, &SessionCore::onUpload);
+      curl_easy_setopt(easy, CURLOPT_READDATA, transfer);
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, uploadSize);
+      if (method != "POST")
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+    } else if (method == "GET") {
+      curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else if (method == "HEAD") {
+      curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    } else if (method == "POST") {
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, 0L);
+    } else {
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+    }
+    live_[transfer->id] = transfer;
+    curl_multi_add_handle(multi_, easy);
+  }
+
+  static size_t onHeader(char* data, size_t size, size_t count, void* user) {
+    auto* transfer = static_cast<Transfer*>(user);
+    std::string line(data, size * count);
+    if (line.compare(0, 5, "HTTP/") == 0) {
+      // A new status line: 1xx and earlier blocks are replaced.
+      transfer->fields.clear();
+      size_t space = line.find(' ');
+      transfer->version = line.substr(5, space == std::string::npos ? 0 : space - 5);
+      transfer->status = space == std::string::npos ? 0 : std::atoi(line.c_str() + space + 1);
+      size_t reason = line.find(' ', space + 1);
+      transfer->statusText =
+          reason == std::string::npos ? std::string() : trim(line.substr(reason));
+    } else if (trim(line).empty()) {
+      if (transfer->status >= 200)
+        transfer->core->deliverResponse(transfer);
+    } else {
+      size_t colon = line.find(':');
+      if (colon != std::string::npos) {
+        transfer->fields.emplace_back(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+      }
+    }
+    return size * count;
+  }
+
+  static size_t onBody(char* data, size_t size, size_t count, void* user) {
+    auto* transfer = static_cast<Transfer*>(user);
+    size_t bytes = size * count;
+    transfer->core->deliverResponse(transfer);
+    if (bytes > 0) {
+      transfer->listener->onFLHttpReceiveData(*transfer->request,
+                                              std::make_shared<FLData>(data, bytes));
+    }
+    return bytes;
+  }
+
+  static size_t onUpload(char* buffer, size_t size, size_t count, void* user) {
+    auto* transfer = static_cast<Transfer*>(user);
+    SessionCore* core = transfer->core;
+    uint64_t id = transfer->id;
+    bool ended = false;
+    size_t n = transfer->request->getBodyStream()->read(buffer, size * count, &ended, [core, id] {
+      core->post({Command::kUnpause, nullptr, id, nullptr});
+    });
+    if (n > 0 || ended)
+      return n;
+    return CURL_READFUNC_PAUSE;
+  }
+
+  void deliverSent(Transfer* transfer, bool success) {
+    if (transfer->sentDelivered)
+      return;
+    transfer->sentDelivered = true;
+    transfer->listener->onFLHttpSentCompleted(*transfer->request, success);
+  }
+
+  void deliverResponse(Transfer* transfer) {
+    if (transfer->responseDelivered)
+      return;
+    deliverSent(transfer, true);
+    transfer->responseDelivered = true;
+    if (transfer->status == 0) {
+      long code = 0;
+      curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &code);
+      transfer->status = static_cast<int>(code);
+    }
+    auto response =
+        std::make_shared<FLHttpResponse>(transfer->request->getURLString(), transfer->status,
+                                         transfer->statusText, transfer->version);
+    bool decoded = false;
+    for (const auto& [name, value] : transfer->fields) {
+      if (sameName(name, "Content-Encoding") && isDecodedEncoding(value))
+        decoded = true;
+    }
+    for (auto& [name, value] : transfer->fields) {
+      if (decoded && (sameName(name, "Content-Encoding") || sameName(name, "Content-Length"))) {
+        continue;
+      }
+      response->appendField(name, value);
+    }
+    if (transfer->status == 401 || transfer->status == 407) {
+      std::string challenge = response->getHeadField(
+          transfer->status == 401 ? "WWW-Authenticate" : "Proxy-Authenticate");
+      FLHttpAuthenticationChallenge details;
+      details.scheme = challenge.substr(0, challenge.find(' '));
+      size_t realm = challenge.find("realm=\"");
+      if (realm != std::string::npos) {
+        size_t end = challenge.find('"', realm + 7);
+        details.realm =
+            challenge.substr(realm + 7, end == std::string::npos ? end : end - realm - 7);
+      }
+      transfer->listener->onFLHttpAuthenticationChallenge(*transfer->request, details);
+    }
+    transfer->listener->onFLHttpResponse(*transfer->request, response);
+  }
+
+  FLHttpMetrics metricsOf(Transfer* transfer) {
+    FLHttpMetrics metrics;
+    curl_off_t value = 0;
+    auto ms = [&](CURLINFO info) {
+      curl_easy_getinfo(transfer->easy, info, &value);
+      return static_cast<double>(value) / 1000.0;
+    };
+    metrics.dnsMs = ms(CURLINFO_NAMELOOKUP_TIME_T);
+    metrics.connectMs = ms(CURLINFO_CONNECT_TIME_T);
+    metrics.firstByteMs = ms(CURLINFO_STARTTRANSFER_TIME_T);
+    metrics.totalMs = ms(CURLINFO_TOTAL_TIME_T);
+    curl_easy_getinfo(transfer->easy, CURLINFO_SIZE_UPLOAD_T, &value);
+    metrics.bytesSent = value;
+    curl_easy_getinfo(transfer->easy, CURLINFO_SIZE_DOWNLOAD_T, &value);
+    metrics.bytesReceived = value;
+    long connects = 0;
+    curl_easy_getinfo(transfer->easy, CURLINFO_NUM_CONNECTS, &connects);
+    metrics.reusedConnection = connects == 0;
+    metrics.httpVersion = transfer->version;
+    return metrics;
+  }
+
+  void complete(Transfer* transfer, CURLcode result, bool removed = false) {
+    if (!removed)
+      curl_multi_remove_handle(multi_, transfer->easy);
+    live_.erase(transfer->id);
+    const FLHttpRequest& request = *transfer->request;
+    if (result == CURLE_OK) {
+      deliverResponse(transfer);
+      transfer->listener->onFLHttpCollectingMetrics(request, metricsOf(transfer));
+      transfer->listener->onFLHttpFinish(request);
+    } else {
+      deliverSent(transfer, false);
+      transfer->listener->onFLHttpCollectingMetrics(request, metricsOf(transfer));
+      std::string message = transfer->error[0] ? transfer->error : curl_easy_strerror(result);
+      transfer->listener->onFLHttpError(
+          request, std::make_shared<FLError>(static_cast<int>(result), message));
+    }
+    destroy(transfer);
+  }
+
+  void destroy(Transfer* transfer) {
+    curl_easy_cleanup(transfer->easy);
+    curl_slist_free_all(transfer->headers);
+    delete transfer;
+  }
+
+  CURLM* multi_ = nullptr;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::vector<Command> commands_;  // guarded by mutex_
+  bool stopping_ = false;          // guarded by mutex_
+  std::atomic<uint64_t> nextId_{1};
+  std::unordered_map<uint64_t, Transfer*> live_;  // event thread only
+};
+
+FLHttpSession::FLHttpSession(std::unique_ptr<SessionCore> core) : core_(std::move(core)) {}
+FLHttpSession::~FLHttpSession() = default;
+
+std::shared_ptr<FLHttpSession> FLHttpSession::getSession() {
+  static std::shared_ptr<FLHttpSession> session =
+      std::make_shared<FLHttpSession>(std::make_unique<SessionCore>());
+  return session;
+}
+
+void FLHttpSession::send(const std::shared_ptr<FLHttpRequest>& request,
+                         IFLHttpSessionListener* listener) {
+  if (!request || !listener) {
+    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "send without a request or a listener ignored");
+    return;
+  }
+  core_->send(request, listener);
+}
+
+void FLHttpSession::cancel(const std::shared_ptr<FLHttpRequest>& request) {
+  if (request)
+    core_->cancel(request);
+}
+
+}  // namespace flume

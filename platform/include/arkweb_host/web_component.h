@@ -1,0 +1,87 @@
+// Host-only: drives the host web engine the way a page does. A WebComponent
+// is the engine side of one Web component: loads go through the scheme
+// handler installed for its tag, or through the engine's own network stack.
+#ifndef ARKWEB_HOST_WEB_COMPONENT_H
+#define ARKWEB_HOST_WEB_COMPONENT_H
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace arkweb_host {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct LoadOptions {
+  std::string url;
+  std::string method = "GET";
+  HeaderList headers;
+  bool mainFrame = true;
+  std::string referrer;
+  // Upload body; `chunked` hides its size from the handler, as a streamed
+  // upload does.
+  std::optional<std::string> body;
+  bool chunked = false;
+  // Cancels the load this long after it started, as a page that navigates
+  // away does; negative: never.
+  long cancelAfterMs = -1;
+  // Follows 3xx answers that carry a Location, like a page.
+  bool followRedirects = true;
+  // Called with each body piece as it arrives (engine threads), with the
+  // time in ms on the monotonic clock.
+  std::function<void(const char* data, size_t size, double atMs)> onData;
+  // Keep the body in the result (turn off for very large loads).
+  bool keepBody = true;
+};
+
+struct LoadTiming {
+  double start = 0;
+  double response = -1;
+  double firstByte = -1;
+  double finish = -1;
+};
+
+struct LoadResult {
+  bool intercepted = false;  // answered by the scheme handler
+  std::string url;           // after redirects
+  int status = 0;
+  std::string statusText;
+  HeaderList headers;  // in order, repeats kept
+  std::string mimeType;
+  std::string charset;
+  std::string body;
+  uint64_t bodySize = 0;
+  int error = 0;  // an ArkWeb_NetError; 0 when the load succeeded
+  int redirects = 0;
+  LoadTiming timing;
+};
+
+// Milliseconds on the monotonic clock used by LoadTiming.
+double nowMs();
+
+class WebComponent {
+ public:
+  // Registers a component under `tag` (replacing one of the same tag).
+  static std::shared_ptr<WebComponent> create(const std::string& tag);
+  virtual ~WebComponent() = default;
+
+  virtual const std::string& tag() const = 0;
+  // Starts a load; `done` is called once, on an engine thread, after the
+  // handler's stop callback has returned.
+  virtual void load(LoadOptions options, std::function<void(LoadResult)> done) = 0;
+  LoadResult loadAndWait(LoadOptions options);
+  // Fires the component's destroy notices on this thread, then unregisters
+  // it. Later loads fail with ARKWEB_ERR_ABORTED.
+  virtual void destroy() = 0;
+};
+
+// Waits until every load started so far has ended and the engine's threads
+// are idle.
+void waitIdle();
+
+}  // namespace arkweb_host
+
+#endif  // ARKWEB_HOST_WEB_COMPONENT_H

@@ -1,0 +1,169 @@
+'use strict';
+// The local origin every test, benchmark and the demo talk to. Listens on a
+// free loopback port, prints {"port": N} as its first stdout line, and stops
+// by itself when its stdin closes (the parent went away) or after --lifetime
+// seconds.
+//
+// Routes:
+//   /bytes/N[?chunk=S&delay=MS]  N bytes of a fixed pattern (byte i = (i*31+7)&255),
+//                                written in pieces of S bytes MS ms apart
+//   /site/...                    files of the demo site (tests/origin/site)
+//   /delay?ms=MS[&size=N]        answers after MS ms
+//   /echo                        any method: JSON {method, length, sha256, chunked, headers}
+//   /headers                     three Set-Cookie lines, repeated X-Multi, request headers as JSON
+//   /ctype?value=V               Content-Type: V
+//   /gzip?size=N                 gzip-encoded pattern body
+//   /redirect?to=URL&code=C      C (302) with Location
+//   /status/C                    status C with a short body
+//   /reset?after=N               headers and N body bytes, then the connection is reset
+//   /stall?after=N               headers and N body bytes, then nothing
+//   /ssr?chunks=N&delay=MS       a streamed HTML page
+//   /__count?path=P              how many requests reached path P so far
+const http = require('node:http');
+const crypto = require('node:crypto');
+const fs = require('node:fs');
+const path = require('node:path');
+const zlib = require('node:zlib');
+
+const SITE = path.join(__dirname, 'site');
+const counts = new Map();
+
+function pattern(offset, size) {
+  const bytes = Buffer.allocUnsafe(size);
+  for (let i = 0; i < size; i++) bytes[i] = ((offset + i) * 31 + 7) & 255;
+  return bytes;
+}
+
+const MIME = { '.html': 'text/html; charset=utf-8', '.css': 'text/css', '.js': 'text/javascript',
+  '.json': 'application/json', '.png': 'image/png', '.svg': 'image/svg+xml', '.txt': 'text/plain' };
+
+function sendPattern(res, size, chunk, delay, extraHeaders = {}) {
+  res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': size,
+    ...extraHeaders });
+  let sent = 0;
+  const piece = chunk > 0 ? chunk : 256 * 1024;
+  const writeMore = () => {
+    while (sent < size) {
+      const n = Math.min(piece, size - sent);
+      const ok = res.write(pattern(sent, n));
+      sent += n;
+      if (delay > 0 && sent < size) return setTimeout(writeMore, delay);
+      if (!ok) return res.once('drain', writeMore);
+    }
+    res.end();
+  };
+  writeMore();
+}
+
+function handle(req, res) {
+  const url = new URL(req.url, 'http://origin');
+  const q = url.searchParams;
+  const num = (name, fallback) => (q.has(name) ? Number(q.get(name)) : fallback);
+  counts.set(url.pathname, (counts.get(url.pathname) || 0) + 1);
+  const route = url.pathname.split('/')[1];
+
+  switch (route) {
+    case 'bytes':
+      return sendPattern(res, Number(url.pathname.split('/')[2] || 0), num('chunk', 0), num('delay', 0));
+    case 'site': {
+      const file = path.normalize(path.join(SITE, url.pathname.slice('/site'.length)));
+      if (!file.startsWith(SITE) || !fs.existsSync(file) || fs.statSync(file).isDirectory()) {
+        res.writeHead(404, { 'Content-Type': 'text/plain' });
+        return res.end('not found');
+      }
+      const body = fs.readFileSync(file);
+      res.writeHead(200, { 'Content-Type': MIME[path.extname(file)] || 'application/octet-stream',
+        'Content-Length': body.length, 'Cache-Control': 'max-age=60' });
+      return res.end(body);
+    }
+    case 'delay':
+      return setTimeout(() => sendPattern(res, num('size', 16), 0, 0), num('ms', 100));
+    case 'echo': {
+      const hash = crypto.createHash('sha256');
+      let length = 0;
+      req.on('data', (piece) => { hash.update(piece); length += piece.length; });
+      req.on('end', () => {
+        const body = JSON.stringify({ method: req.method, length, sha256: hash.digest('hex'),
+          chunked: req.headers['transfer-encoding'] === 'chunked', headers: req.headers });
+        res.writeHead(200, { 'Content-Type': 'application/json' });
+        res.end(body);
+      });
+      return undefined;
+    }
+    case 'headers':
+      res.setHeader('Set-Cookie', ['a=1; Path=/', 'b=2; Path=/', 'c=3; Path=/']);
+      res.setHeader('X-Multi', ['first', 'second']);
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify(req.headers));
+    case 'ctype':
+      res.writeHead(200, { 'Content-Type': q.get('value') || '' });
+      return res.end('typed');
+    case 'gzip': {
+      const body = zlib.gzipSync(pattern(0, num('size', 100000)));
+      res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Encoding': 'gzip',
+        'Content-Length': body.length });
+      return res.end(body);
+    }
+    case 'redirect':
+      res.writeHead(num('code', 302), { Location: q.get('to') || '/bytes/10' });
+      return res.end();
+    case 'status': {
+      const code = Number(url.pathname.split('/')[2] || 500);
+      res.writeHead(code, { 'Content-Type': 'text/plain' });
+      return res.end(`status ${code}`);
+    }
+    case 'reset': {
+      const after = num('after', 1000);
+      res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': after * 10 });
+      res.write(pattern(0, after));
+      return setTimeout(() => req.socket.resetAndDestroy(), 50);
+    }
+    case 'stall': {
+      res.writeHead(200, { 'Content-Type': 'application/octet-stream' });
+      res.write(pattern(0, num('after', 100)));
+      return undefined;  // never ends; the client gives up
+    }
+    case 'ssr': {
+      res.writeHead(200, { 'Content-Type': 'text/html; charset=utf-8' });
+      const chunks = num('chunks', 3);
+      let i = 0;
+      const next = () => {
+        if (i === chunks) return res.end('</body></html>');
+        res.write(i === 0 ? '<html><head><title>ssr</title></head><body>' : `<p>part ${i}</p>`);
+        i += 1;
+        return setTimeout(next, num('delay', 50));
+      };
+      return next();
+    }
+    case '__count':
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify({ count: counts.get(q.get('path')) || 0 }));
+    default:
+      res.writeHead(404, { 'Content-Type': 'text/plain' });
+      return res.end('no such route');
+  }
+}
+
+function main() {
+  const args = process.argv.slice(2);
+  const arg = (name, fallback) => {
+    const i = args.indexOf(name);
+    return i >= 0 ? Number(args[i + 1]) : fallback;
+  };
+  const server = http.createServer(handle);
+  server.keepAliveTimeout = 30000;
+  server.headersTimeout = 31000;
+  server.listen(arg('--port', 0), '127.0.0.1', () => {
+    process.stdout.write(`${JSON.stringify({ port: server.address().port })}\n`);
+  });
+  const stop = () => process.exit(0);
+  setTimeout(stop, arg('--lifetime', 600) * 1000).unref();
+  if (!process.stdin.isTTY) {
+    process.stdin.on('end', stop);
+    process.stdin.on('close', stop);
+    process.stdin.resume();
+  }
+}
+
+if (require.main === module) main();
+module.exports = { pattern, handle };

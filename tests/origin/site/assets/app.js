@@ -1,0 +1,3 @@
+document.addEventListener('DOMContentLoaded', () => {
+  document.querySelector('h1').textContent += ' (loaded)';
+});
