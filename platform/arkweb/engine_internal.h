@@ -121,6 +121,8 @@ class Load : public std::enable_shared_from_this<Load> {
   State state_ = State::kStarted;  // guarded by mutex_
   LoadOptions options_;
   LoadResult result_;  // guarded by mutex_ until kEnded
+  // Set by a response that carries an error: the load ends with it at DidFinish.
+  int responseError_ = 0;  // guarded by mutex_
 };
 
 }  // namespace arkweb_host

@@ -274,15 +274,15 @@ napi_value Load(napi_env env, napi_callback_info info) {
       return throwType(env, "load: body must be a Buffer or string");
     load.body = std::move(body);
   }
-  value = property(env, options, "chunked");
-  if (typeOf(env, value) == napi_boolean)
-    napi_get_value_bool(env, value, &load.chunked);
-  value = property(env, options, "followRedirects");
-  if (typeOf(env, value) == napi_boolean)
-    napi_get_value_bool(env, value, &load.followRedirects);
-  value = property(env, options, "keepBody");
-  if (typeOf(env, value) == napi_boolean)
-    napi_get_value_bool(env, value, &load.keepBody);
+  const std::pair<const char*, bool*> switches[] = {{"chunked", &load.chunked},
+                                                    {"offline", &load.offline},
+                                                    {"followRedirects", &load.followRedirects},
+                                                    {"keepBody", &load.keepBody}};
+  for (const auto& [name, target] : switches) {
+    value = property(env, options, name);
+    if (typeOf(env, value) == napi_boolean)
+      napi_get_value_bool(env, value, target);
+  }
   value = property(env, options, "cancelAfterMs");
   if (typeOf(env, value) == napi_number) {
     double ms = 0;

@@ -276,6 +276,10 @@ class PageLoad : public Load {
   }
 
   void startNetwork() {
+    if (options_.offline) {
+      complete(ARKWEB_ERR_INTERNET_DISCONNECTED);
+      return;
+    }
     networkRequest_ = flume::FLHttpRequest::create(options_.url);
     networkRequest_->setMethod(options_.method);
     for (const auto& [name, value] : options_.headers)
@@ -480,15 +484,15 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
     }
   }
   auto* mutableResponse = const_cast<ArkWeb_Response*>(response);
-  std::unique_lock<std::mutex> responseLock(mutableResponse->mutex);
+  std::lock_guard<std::mutex> responseLock(mutableResponse->mutex);
   error = response->error;
-  if (error == ARKWEB_NET_OK) {
-    recordResponse(response->status, response->statusText, response->headers, response->mimeType,
-                   response->charset);
-    return ARKWEB_SUCCESS;
+  recordResponse(response->status, response->statusText, response->headers, response->mimeType,
+                 response->charset);
+  if (error != ARKWEB_NET_OK) {
+    // The page sees the error once the handler finishes.
+    std::lock_guard<std::mutex> lock(mutex_);
+    responseError_ = error;
   }
-  responseLock.unlock();
-  complete(error);
   return ARKWEB_SUCCESS;
 }
 
@@ -522,7 +526,12 @@ int32_t Load::didFinish() {
     complete(ARKWEB_ERR_EMPTY_RESPONSE);
     return ARKWEB_SUCCESS;
   }
-  complete(0);
+  int error = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    error = responseError_;
+  }
+  complete(error);
   return ARKWEB_SUCCESS;
 }
 

@@ -9,7 +9,8 @@
 //                                written in pieces of S bytes MS ms apart
 //   /site/...                    files of the demo site (tests/origin/site)
 //   /delay?ms=MS[&size=N]        answers after MS ms
-//   /echo                        any method: JSON {method, length, sha256, chunked, headers}
+//   /echo[?raw=1]                any method: JSON {method, length, sha256, chunked, headers},
+//                                or with raw=1 the uploaded bytes themselves
 //   /headers                     three Set-Cookie lines, repeated X-Multi, request headers as JSON
 //   /ctype?value=V               Content-Type: V
 //   /gzip?size=N                 gzip-encoded pattern body
@@ -80,9 +81,19 @@ function handle(req, res) {
       return setTimeout(() => sendPattern(res, num('size', 16), 0, 0), num('ms', 100));
     case 'echo': {
       const hash = crypto.createHash('sha256');
+      const pieces = [];
       let length = 0;
-      req.on('data', (piece) => { hash.update(piece); length += piece.length; });
+      req.on('data', (piece) => {
+        hash.update(piece);
+        length += piece.length;
+        if (q.has('raw')) pieces.push(piece);
+      });
       req.on('end', () => {
+        if (q.has('raw')) {
+          res.writeHead(200, { 'Content-Type': 'application/octet-stream',
+            'X-Upload-Chunked': String(req.headers['transfer-encoding'] === 'chunked') });
+          return res.end(Buffer.concat(pieces));
+        }
         const body = JSON.stringify({ method: req.method, length, sha256: hash.digest('hex'),
           chunked: req.headers['transfer-encoding'] === 'chunked', headers: req.headers });
         res.writeHead(200, { 'Content-Type': 'application/json' });

@@ -2,26 +2,19 @@
 // functions the script layer calls.
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/ssr_client_info.h"
-#include "hilog/log.h"
 #include "intercept/intercept_manager.h"
 #include "napi/init_helper.h"
 #include "napi/napi_helper.h"
 #include "napi/native_api.h"
-#include "scheme/scheme_handler.h"
-#include "scheme/web_info_manager.h"
+#include "scheme/page_binding.h"
 #include "tern/singleton.h"
 #include "tide_logger/log.h"
 #include "user_agent/user_agent_helper.h"
-#include "web/arkweb_interface.h"
 
 namespace velora {
 namespace {
 
 constexpr char kWebTag[] = "Velora/web";
-constexpr char kPageTag[] = "Velora/Page";
-
-// Fetched once, on the script thread.
-ArkWeb_ComponentAPI* g_componentApi = nullptr;
 
 napi_value SdkInit(napi_env env, napi_callback_info info) {
   InitHelper::parseSDKInitParams(env, info);
@@ -92,54 +85,12 @@ napi_value SetUserAgent(napi_env env, napi_callback_info info) {
 }
 
 napi_value WebviewNativeInit(napi_env env, napi_callback_info info) {
-  std::shared_ptr<WebInfo> webInfo = InitHelper::parseInitParams(env, info);
-  const std::string tag = webInfo->webTag;
-  tide::Log::build(tide::kInfo, kPageTag)
-      .event("nativeInit", tag)
-      .key("prefetchId")
-      .value(webInfo->prefetchId)
-      .key("prefetchUrl")
-      .value(webInfo->prefetchUrl)
-      .done();
-  WebInfoManager::setWebInfo(tag, webInfo);
-  if (!g_componentApi) {
-    g_componentApi =
-        reinterpret_cast<ArkWeb_ComponentAPI*>(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COMPONENT));
-  }
-  if (!g_componentApi) {
-    tide::Log::build(tide::kInfo, kPageTag).event("componentApiNotFound", tag).done();
-    return nullptr;
-  }
-  // Engines older than the destroy notice have a shorter record.
-  if (g_componentApi->size >= 40 && g_componentApi->onDestroy) {
-    g_componentApi->onDestroy(tag.c_str(), OnArkWebDestroyCallback, nullptr);
-  } else {
-    tide::Log::build(tide::kInfo, kPageTag)
-        .event("componentApiNotFound", tag)
-        .key("method")
-        .value("destroy")
-        .done();
-  }
+  PageBinding::init(InitHelper::parseInitParams(env, info));
   return nullptr;
 }
 
 napi_value WebviewNativeAttach(napi_env env, napi_callback_info info) {
-  std::string tag = InitHelper::parseAttachedParams(env, info);
-  std::shared_ptr<WebInfo> webInfo = WebInfoManager::getWebInfo(tag);
-  if (webInfo) {
-    OH_LOG_Print(LOG_APP, LOG_INFO, 0, kWebTag, "set scheme handler for %{public}s", tag.c_str());
-    tide::Log::build(tide::kInfo, kWebTag).event("setSchemeHandler", tag).done();
-    ArkWeb_SchemeHandler* handler = nullptr;
-    OH_ArkWeb_CreateSchemeHandler(&handler);
-    webInfo->schemeHandler = handler;
-    // Emptied by the destroy notice, never freed (see WebInfoHolder).
-    OH_ArkWebSchemeHandler_SetUserData(handler, new WebInfoHolder{webInfo});
-    OH_ArkWebSchemeHandler_SetOnRequestStart(handler, OnURLRequestStart);
-    OH_ArkWebSchemeHandler_SetOnRequestStop(handler, OnURLRequestStop);
-    OH_ArkWeb_SetSchemeHandler("https", tag.c_str(), handler);
-    OH_ArkWeb_SetSchemeHandler("http", tag.c_str(), handler);
-  }
-  tide::Log::build(tide::kInfo, kPageTag).event("nativeAttach", tag).done();
+  PageBinding::attach(InitHelper::parseAttachedParams(env, info));
   return nullptr;
 }
 

@@ -135,6 +135,7 @@ void OnArkWebDestroyCallback(const char* webTag, void* /*userData*/) {
       // Emptied, not freed: a start callback may be reading it right now.
       std::atomic_exchange(&holder->webInfo, std::shared_ptr<WebInfo>());
     }
+    WebInfoManager::retire(info->schemeHandler, holder);
     info->schemeHandler = nullptr;
   }
   bool removed = WebInfoManager::removeWebInfo(tag);

@@ -17,6 +17,11 @@ class WebInfoManager {
   static void setWebInfo(const std::string& tag, std::shared_ptr<WebInfo> info);
   // True when an entry existed, even an empty one.
   static bool removeWebInfo(const std::string& tag);
+
+  // Keeps a scheme handler that is no longer installed, with its holder, for
+  // the life of the process: a start callback may still be reading the
+  // holder, so neither is ever freed.
+  static void retire(ArkWeb_SchemeHandler* handler, WebInfoHolder* holder);
 };
 
 }  // namespace velora

@@ -355,15 +355,7 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
     // The request already finished or failed: the rest of the body is moot.
     self->destroyArkWebBody();
     self->destroyBodyData();
-    tide::Log::build(tide::kInfo, kRequestTag)
-        .event("bodyReadCallbackNetRequestNull", self->tag_)
-        .key("url")
-        .value(textOf(self->url_))
-        .key("read")
-        .value(bytesRead)
-        .key("isEof")
-        .value(eof)
-        .done();
+    self->logBodyRead("bodyReadCallbackNetRequestNull", bytesRead, eof);
     return;
   }
   bool last = bytesRead == 0 || eof;
@@ -375,10 +367,14 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
   } else {
     self->readNextBodyPart();
   }
+  self->logBodyRead("bodyReadCallback", bytesRead, eof);
+}
+
+void WebRequest::logBodyRead(const char* event, int bytesRead, bool eof) const {
   tide::Log::build(tide::kInfo, kRequestTag)
-      .event("bodyReadCallback", self->tag_)
+      .event(event, tag_)
       .key("url")
-      .value(textOf(self->url_))
+      .value(textOf(url_))
       .key("read")
       .value(bytesRead)
       .key("isEof")

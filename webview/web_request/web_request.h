@@ -75,6 +75,7 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   void destroyInternal() { destroyBodyData(); }
   void copyRequestHeaders();
   void readNextBodyPart();
+  void logBodyRead(const char* event, int bytesRead, bool eof) const;
 
   timespec startTime_{};
   timespec endTime_{};

@@ -16,6 +16,9 @@ namespace arkweb_host {
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
 struct LoadOptions {
+  LoadOptions() = default;
+  LoadOptions(std::string url) : url(std::move(url)) {}  // NOLINT: a URL is a load
+
   std::string url;
   std::string method = "GET";
   HeaderList headers;
@@ -28,6 +31,9 @@ struct LoadOptions {
   // Cancels the load this long after it started, as a page that navigates
   // away does; negative: never.
   long cancelAfterMs = -1;
+  // The engine's own network is off: a request no handler takes fails with
+  // ARKWEB_ERR_INTERNET_DISCONNECTED instead of going out.
+  bool offline = false;
   // Follows 3xx answers that carry a Location, like a page.
   bool followRedirects = true;
   // Called with each body piece as it arrives (engine threads), with the

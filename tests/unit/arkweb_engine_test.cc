@@ -1,0 +1,235 @@
+// The host web engine as a scheme handler sees it: callbacks, threads,
+// ownership, and the misuse a device tolerates.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "arkweb_host/web_component.h"
+#include "origin_server.h"
+#include "test_support.h"
+#include "web/arkweb_interface.h"
+#include "web/arkweb_scheme_handler.h"
+
+using arkweb_host::LoadOptions;
+using arkweb_host::LoadResult;
+using arkweb_host::WebComponent;
+
+namespace {
+
+// A scheme handler whose start callback runs `onStart`; records its stops.
+struct TestHandler {
+  std::function<bool(ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler*)> onStart;
+  std::atomic<int> stops{0};
+  std::atomic<bool> stopOnIoThread{true};
+  std::thread::id startThread;
+  ArkWeb_SchemeHandler* handler = nullptr;
+
+  explicit TestHandler(const std::string& tag) {
+    OH_ArkWeb_CreateSchemeHandler(&handler);
+    OH_ArkWebSchemeHandler_SetUserData(handler, this);
+    OH_ArkWebSchemeHandler_SetOnRequestStart(handler, &TestHandler::start);
+    OH_ArkWebSchemeHandler_SetOnRequestStop(handler, &TestHandler::stop);
+    EXPECT_TRUE(OH_ArkWeb_SetSchemeHandler("http", tag.c_str(), handler));
+  }
+  ~TestHandler() { OH_ArkWeb_DestroySchemeHandler(handler); }
+
+  static void start(const ArkWeb_SchemeHandler* handler,
+                    ArkWeb_ResourceRequest* request,
+                    const ArkWeb_ResourceHandler* resourceHandler,
+                    bool* intercept) {
+    auto* self = static_cast<TestHandler*>(OH_ArkWebSchemeHandler_GetUserData(handler));
+    self->startThread = std::this_thread::get_id();
+    *intercept = self->onStart(request, resourceHandler);
+    if (*intercept) {
+      OH_ArkWebResourceRequest_SetUserData(request,
+                                           const_cast<ArkWeb_ResourceHandler*>(resourceHandler));
+    }
+  }
+
+  static void stop(const ArkWeb_SchemeHandler* handler, const ArkWeb_ResourceRequest* request) {
+    auto* self = static_cast<TestHandler*>(OH_ArkWebSchemeHandler_GetUserData(handler));
+    if (std::this_thread::get_id() != self->startThread)
+      self->stopOnIoThread = false;
+    auto* resourceHandler =
+        static_cast<ArkWeb_ResourceHandler*>(OH_ArkWebResourceRequest_GetUserData(request));
+    OH_ArkWebResourceHandler_Destroy(resourceHandler);
+    OH_ArkWebResourceRequest_Destroy(request);
+    ++self->stops;
+  }
+};
+
+void respond(const ArkWeb_ResourceHandler* handler,
+             int status,
+             const std::string& body,
+             ArkWeb_NetError error = ARKWEB_NET_OK) {
+  ArkWeb_Response* response = nullptr;
+  OH_ArkWeb_CreateResponse(&response);
+  OH_ArkWebResponse_SetStatus(response, status);
+  OH_ArkWebResponse_SetHeaderByName(response, "Set-Cookie", "a=1", false);
+  OH_ArkWebResponse_SetHeaderByName(response, "Set-Cookie", "b=2", false);
+  OH_ArkWebResponse_SetMimeType(response, "text/plain");
+  if (error != ARKWEB_NET_OK)
+    OH_ArkWebResponse_SetError(response, error);
+  OH_ArkWebResourceHandler_DidReceiveResponse(handler, response);
+  OH_ArkWeb_DestroyResponse(response);  // the engine keeps its own copy
+  if (error == ARKWEB_NET_OK) {
+    OH_ArkWebResourceHandler_DidReceiveData(handler, reinterpret_cast<const uint8_t*>(body.data()),
+                                            static_cast<int64_t>(body.size()));
+  }
+  OH_ArkWebResourceHandler_DidFinish(handler);
+}
+
+}  // namespace
+
+TEST(ArkWebEngine, AnswersFromInsideTheStartCallbackOrFromAnotherThread) {
+  auto web = WebComponent::create("engine1");
+  TestHandler handler("engine1");
+  handler.onStart = [](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler* resource) {
+    respond(resource, 201, "inline");
+    return true;
+  };
+  LoadResult inlineAnswer = web->loadAndWait({"http://example.invalid/a"});
+  EXPECT_TRUE(inlineAnswer.intercepted);
+  EXPECT_EQ(inlineAnswer.status, 201);
+  EXPECT_EQ(inlineAnswer.body, "inline");
+  EXPECT_EQ(inlineAnswer.mimeType, "text/plain");
+  EXPECT_EQ(inlineAnswer.headers,
+            (arkweb_host::HeaderList{{"Set-Cookie", "a=1"}, {"Set-Cookie", "b=2"}}));
+
+  std::vector<std::thread> answerers;
+  handler.onStart = [&](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler* resource) {
+    answerers.emplace_back([resource] { respond(resource, 200, "later"); });
+    return true;
+  };
+  LoadResult later = web->loadAndWait({"http://example.invalid/b"});
+  for (auto& thread : answerers)
+    thread.join();
+  EXPECT_EQ(later.body, "later");
+  EXPECT_EQ(handler.stops.load(), 2);
+  EXPECT_TRUE(handler.stopOnIoThread.load());
+  web->destroy();
+}
+
+TEST(ArkWebEngine, MisuseIsIgnoredWithALogLine) {
+  velora_test::HilogCapture hilog;
+  auto web = WebComponent::create("engine2");
+  TestHandler handler("engine2");
+  handler.onStart = [](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler* resource) {
+    const uint8_t early[] = {'x'};
+    OH_ArkWebResourceHandler_DidReceiveData(resource, early, 1);  // before any response
+    respond(resource, 200, "body");
+    respond(resource, 500, "again");  // second response, data and finish after the end
+    return true;
+  };
+  LoadResult result = web->loadAndWait({"http://example.invalid/"});
+  EXPECT_EQ(result.status, 200);
+  EXPECT_EQ(result.body, "body");
+  EXPECT_TRUE(hilog.contains("DidReceiveData ignored: no response was sent"));
+  EXPECT_TRUE(hilog.contains("DidReceiveResponse ignored: the request has ended"));
+  EXPECT_TRUE(hilog.contains("DidFinish ignored"));
+  EXPECT_EQ(handler.stops.load(), 1);
+  web->destroy();
+}
+
+TEST(ArkWebEngine, ErrorsReachThePageAndEveryEndStopsTheRequestOnce) {
+  auto web = WebComponent::create("engine3");
+  TestHandler handler("engine3");
+  handler.onStart = [](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler* resource) {
+    respond(resource, 200, "", ARKWEB_ERR_FAILED);
+    return true;
+  };
+  EXPECT_EQ(web->loadAndWait({"http://example.invalid/e"}).error, ARKWEB_ERR_FAILED);
+
+  handler.onStart = [](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler* resource) {
+    ArkWeb_Response* response = nullptr;
+    OH_ArkWeb_CreateResponse(&response);
+    OH_ArkWebResourceHandler_DidReceiveResponse(resource, response);
+    OH_ArkWeb_DestroyResponse(response);
+    OH_ArkWebResourceHandler_DidFailWithError(resource, ARKWEB_ERR_CONNECTION_RESET);
+    return true;
+  };
+  EXPECT_EQ(web->loadAndWait({"http://example.invalid/f"}).error, ARKWEB_ERR_CONNECTION_RESET);
+
+  // Never answered: the page navigates away.
+  handler.onStart = [](ArkWeb_ResourceRequest*, const ArkWeb_ResourceHandler*) { return true; };
+  LoadOptions cancelled{"http://example.invalid/c"};
+  cancelled.cancelAfterMs = 50;
+  EXPECT_EQ(web->loadAndWait(cancelled).error, ARKWEB_ERR_ABORTED);
+  EXPECT_EQ(handler.stops.load(), 3);
+  web->destroy();
+}
+
+TEST(ArkWebEngine, DeclinedRequestsAndComponentsWithoutHandlerLoadOverTheNetwork) {
+  velora_test::OriginServer origin;
+  auto web = WebComponent::create("engine4");
+  {
+    TestHandler handler("engine4");
+    handler.onStart = [](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler*) {
+      char* url = nullptr;
+      OH_ArkWebResourceRequest_GetUrl(request, &url);  // not released: the engine takes it back
+      return false;
+    };
+    LoadResult declined = web->loadAndWait({origin.url("/bytes/3000")});
+    EXPECT_FALSE(declined.intercepted);
+    EXPECT_EQ(declined.body, velora_test::patternBytes(0, 3000));
+    EXPECT_EQ(handler.stops.load(), 0);
+    OH_ArkWeb_ClearSchemeHandlers("engine4");
+  }
+  LoadOptions post{origin.url("/echo?raw=1")};
+  post.method = "POST";
+  post.body = std::string(5000, 'p');
+  LoadResult direct = web->loadAndWait(post);
+  EXPECT_FALSE(direct.intercepted);
+  EXPECT_EQ(direct.body, std::string(5000, 'p'));
+  web->destroy();
+  EXPECT_EQ(web->loadAndWait({origin.url("/bytes/1")}).error, ARKWEB_ERR_ABORTED);
+}
+
+TEST(ArkWebEngine, RedirectsAreFollowedThroughTheHandlerAsNewRequests) {
+  auto web = WebComponent::create("engine5");
+  TestHandler handler("engine5");
+  std::vector<std::pair<std::string, bool>> seen;
+  handler.onStart = [&](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler* resource) {
+    char* url = nullptr;
+    OH_ArkWebResourceRequest_GetUrl(request, &url);
+    seen.emplace_back(url, OH_ArkWebResourceRequest_IsRedirect(request));
+    bool first = seen.size() == 1;
+    OH_ArkWeb_ReleaseString(url);
+    ArkWeb_Response* response = nullptr;
+    OH_ArkWeb_CreateResponse(&response);
+    OH_ArkWebResponse_SetStatus(response, first ? 302 : 200);
+    if (first)
+      OH_ArkWebResponse_SetHeaderByName(response, "Location", "/next?x=1", true);
+    OH_ArkWebResourceHandler_DidReceiveResponse(resource, response);
+    OH_ArkWeb_DestroyResponse(response);
+    OH_ArkWebResourceHandler_DidFinish(resource);
+    return true;
+  };
+  LoadResult result = web->loadAndWait({"http://example.invalid/dir/start"});
+  EXPECT_EQ(result.status, 200);
+  EXPECT_EQ(result.redirects, 1);
+  EXPECT_EQ(result.url, "http://example.invalid/next?x=1");
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_FALSE(seen[0].second);
+  EXPECT_TRUE(seen[1].second);
+  web->destroy();
+}
+
+TEST(ArkWebEngine, ComponentApiRecordAndDestroyNotice) {
+  auto* api =
+      reinterpret_cast<ArkWeb_ComponentAPI*>(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COMPONENT));
+  ASSERT_NE(api, nullptr);
+  EXPECT_EQ(api->size, 40u);
+  EXPECT_FALSE(ARKWEB_MEMBER_MISSING(api, onDestroy));
+  EXPECT_EQ(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COOKIE_MANAGER), nullptr);
+
+  auto web = WebComponent::create("engine6");
+  static std::string destroyed;
+  api->onDestroy(
+      "engine6", [](const char* tag, void*) { destroyed = tag; }, nullptr);
+  web->destroy();
+  EXPECT_EQ(destroyed, "engine6");
+  EXPECT_FALSE(OH_ArkWeb_SetSchemeHandler("http", "engine6", nullptr));
+}

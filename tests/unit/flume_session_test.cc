@@ -1,0 +1,151 @@
+// The HTTP carrier library against the local origin: what a listener sees.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "flume/flume.h"
+#include "origin_server.h"
+
+using velora_test::fetch;
+using velora_test::FetchResult;
+using velora_test::OriginServer;
+using velora_test::patternBytes;
+
+namespace {
+
+std::vector<std::string> valuesOf(const FetchResult& result, const std::string& name) {
+  std::vector<std::string> values;
+  for (const auto& [key, value] : result.headers) {
+    if (strcasecmp(key.c_str(), name.c_str()) == 0)
+      values.push_back(value);
+  }
+  return values;
+}
+
+}  // namespace
+
+TEST(FlumeSession, BodiesArriveByteExactWithEventsInOrder) {
+  OriginServer origin;
+  for (size_t size : {size_t{0}, size_t{1}, size_t{65536}, size_t{50} << 20}) {
+    FetchResult result = fetch(origin.url("/bytes/" + std::to_string(size)));
+    EXPECT_EQ(result.status, 200);
+    EXPECT_EQ(result.events, size ? "SRDMF" : "SRMF") << size;
+    EXPECT_TRUE(result.body == patternBytes(0, size)) << "body of " << size << " bytes differs";
+  }
+}
+
+TEST(FlumeSession, RepeatedFieldsKeepTheirOrderAndDecodedBodiesLoseTheirEncoding) {
+  OriginServer origin;
+  FetchResult headers = fetch(origin.url("/headers"));
+  EXPECT_EQ(valuesOf(headers, "Set-Cookie"),
+            (std::vector<std::string>{"a=1; Path=/", "b=2; Path=/", "c=3; Path=/"}));
+  EXPECT_EQ(valuesOf(headers, "X-Multi"), (std::vector<std::string>{"first", "second"}));
+
+  FetchResult gzip = fetch(origin.url("/gzip?size=300000"));
+  EXPECT_TRUE(gzip.body == patternBytes(0, 300000));
+  EXPECT_TRUE(valuesOf(gzip, "Content-Encoding").empty());
+  EXPECT_TRUE(valuesOf(gzip, "Content-Length").empty());
+}
+
+TEST(FlumeSession, RedirectsAndErrorStatusesAreDeliveredAsResponses) {
+  OriginServer origin;
+  FetchResult redirect = fetch(origin.url("/redirect?to=/bytes/5&code=307"));
+  EXPECT_EQ(redirect.status, 307);
+  EXPECT_EQ(valuesOf(redirect, "Location"), (std::vector<std::string>{"/bytes/5"}));
+  EXPECT_EQ(origin.count("/bytes/5"), 0);
+
+  FetchResult unavailable = fetch(origin.url("/status/503"));
+  EXPECT_EQ(unavailable.status, 503);
+  EXPECT_EQ(unavailable.body, "status 503");
+  EXPECT_EQ(unavailable.errorCode, 0);
+}
+
+TEST(FlumeSession, FailuresBeforeAndAfterTheResponse) {
+  OriginServer origin;
+  FetchResult refused =
+      fetch("http://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/");
+  EXPECT_FALSE(refused.responded);
+  EXPECT_EQ(refused.events, "SME");
+  EXPECT_EQ(refused.errorCode, 7);  // CURLE_COULDNT_CONNECT
+  EXPECT_FALSE(refused.errorMessage.empty());
+
+  FetchResult reset = fetch(origin.url("/reset?after=1000"));
+  EXPECT_EQ(reset.events, "SRDME");
+  EXPECT_EQ(reset.body, patternBytes(0, 1000));
+  EXPECT_NE(reset.errorCode, 0);
+
+  auto stalled = flume::FLHttpRequest::create(origin.url("/stall?after=10"));
+  stalled->setIdleTimeoutMs(1000);
+  FetchResult stall = fetch(stalled);
+  EXPECT_EQ(stall.events, "SRDME");
+  EXPECT_EQ(stall.errorCode, 28);  // CURLE_OPERATION_TIMEDOUT
+}
+
+TEST(FlumeSession, StreamedUploadsArriveByteExactWhateverThePieces) {
+  OriginServer origin;
+  for (bool sized : {true, false}) {
+    for (size_t size : {size_t{0}, size_t{4095}, size_t{10000}, size_t{3} << 20}) {
+      std::string body = patternBytes(3, size);
+      auto request = flume::FLHttpRequest::create(origin.url("/echo?raw=1"));
+      request->setMethod("PUT");
+      if (sized)
+        request->setHeadField("Content-Length", std::to_string(size));
+      auto stream = flume::FLDataStream::create();
+      request->setBodyStream(stream);
+      // The producer writes while the transfer runs, in uneven pieces.
+      std::thread producer([&] {
+        size_t offset = 0;
+        for (size_t piece = 1; offset < size; piece = piece * 3 + 1) {
+          size_t n = std::min(piece, size - offset);
+          stream->write(body.data() + offset, n, offset + n == size);
+          offset += n;
+          if (piece < 1000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (size == 0)
+          stream->write(nullptr, 0, true);
+      });
+      FetchResult result = fetch(request);
+      producer.join();
+      EXPECT_EQ(result.status, 200);
+      EXPECT_TRUE(result.body == body) << size << (sized ? " sized" : " chunked");
+      EXPECT_EQ(valuesOf(result, "X-Upload-Chunked")[0], sized ? "false" : "true");
+    }
+  }
+}
+
+TEST(FlumeSession, ManyConcurrentTransfersShareOneEventThread) {
+  OriginServer origin;
+  constexpr int kTransfers = 1000;
+  std::atomic<int> finished{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kTransfers / 4; ++i) {
+        FetchResult result = fetch(origin.url("/bytes/1024?i=" + std::to_string(i)));
+        if (result.status == 200 && result.body == patternBytes(0, 1024))
+          ++finished;
+      }
+    });
+  }
+  // A slow transfer does not hold the others back.
+  FetchResult slow = fetch(origin.url("/delay?ms=300"));
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(slow.status, 200);
+  EXPECT_EQ(finished.load(), kTransfers);
+}
+
+TEST(FlumeSession, CancelEndsATransferWithAnAbortError) {
+  OriginServer origin;
+  auto request = flume::FLHttpRequest::create(origin.url("/stall?after=10"));
+  std::thread canceller([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    flume::FLHttpSession::getSession()->cancel(request);
+  });
+  FetchResult result = fetch(request);
+  canceller.join();
+  EXPECT_EQ(result.errorCode, 42);
+  EXPECT_EQ(result.events.back(), 'E');
+}
