@@ -12,7 +12,9 @@ const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-demo-'));
 process.env.VELORA_DATA_DIR = process.env.VELORA_DATA_DIR || dataDir;
 process.env.VELORA_LOG = process.env.VELORA_LOG || path.join(dataDir, 'log.jsonl');
 process.env.VELORA_HILOG = process.env.VELORA_HILOG || path.join(dataDir, 'hilog.txt');
+process.env.VELORA_PACKAGES_DIR = process.env.VELORA_PACKAGES_DIR || path.join(dataDir, 'packages');
 
+const { execFileSync } = require('node:child_process');
 const { startOrigin } = require(path.join(ROOT, 'tests', 'js', 'origin.js'));
 const host = require(path.join(BUILD, 'arkweb_host.node'));
 const velora = require(path.join(BUILD, 'velora.node'));
@@ -30,18 +32,40 @@ function row(columns) {
   return columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
 }
 
-function sourceOf(result) {
+// The structured log says where Velora answered from.
+let logOffset = 0;
+function newLogEntries() {
+  if (!fs.existsSync(process.env.VELORA_LOG)) return [];
+  const text = fs.readFileSync(process.env.VELORA_LOG, 'utf8');
+  const fresh = text.slice(logOffset);
+  logOffset = text.length;
+  return fresh.split('\n').filter(Boolean).map((line) => JSON.parse(line));
+}
+
+function sourceOf(result, entries) {
   if (!result.intercepted) return 'engine network';
+  if (entries.some((e) => e.event === 'strataSuccess')) return 'Velora: package';
   return 'Velora: network';
+}
+
+// Packages the site's assets, as an app team would ship them.
+function installAssetsPackage(origin) {
+  const pack = path.join(BUILD, 'velora-pack');
+  const out = path.join(dataDir, 'demo-assets.zip');
+  execFileSync(pack, ['build', path.join(ROOT, 'tests', 'origin', 'site', 'assets'),
+    origin.url('/site/assets'), out, '--id', 'demo-assets', '--version', '1.0.0']);
+  execFileSync(pack, ['install', out], { stdio: ['ignore', 'ignore', 'ignore'] });
 }
 
 async function loadSite(label, web, origin) {
   const lines = [];
   for (const asset of SITE) {
+    newLogEntries();
     const res = await web.load({ url: origin.url(asset.path), mainFrame: !!asset.mainFrame });
+    const entries = newLogEntries();
     const ttfb = res.timing.firstByte === null ? '-' : (res.timing.firstByte - res.timing.start).toFixed(1);
     const total = (res.timing.finish - res.timing.start).toFixed(1);
-    lines.push(row([label, asset.path, sourceOf(res), res.error === null ? res.status : `err ${res.error}`,
+    lines.push(row([label, asset.path, sourceOf(res, entries), res.error === null ? res.status : `err ${res.error}`,
       res.body.length, ttfb, total]));
   }
   return lines;
@@ -50,6 +74,7 @@ async function loadSite(label, web, origin) {
 async function main() {
   const origin = await startOrigin();
   try {
+    installAssetsPackage(origin);
     velora.sdkInit({ appTag: 'demo', appVersion: '1.0.0', isDebug: true });
     velora.setClientInfo({ displayWith: 1260, displayHeight: 2720, safeAreaHeight: 120,
       deviceRatio: 3.25, landscape: false });

@@ -131,7 +131,11 @@ void WebRequest::CoreStart() {
   if (referrer_)
     headers_["Referer"] = referrer_;
   copyRequestHeaders();
-  sendNetRequest();
+  if (textOf(method_) == "GET") {
+    sendStrataRequest();
+  } else {
+    sendNetRequest();
+  }
 }
 
 bool WebRequest::checkPrefetchUrl() {

@@ -48,6 +48,8 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   // True when this main-frame request takes over the page's prefetch.
   bool checkPrefetchUrl();
   void sendNetRequest();
+  // GET only: answers from the offline packages, else from the network.
+  void sendStrataRequest();
 
   // Exempts the page of `url` (without its query) from interception from now
   // on, also in later runs. `a` and `b` are only logged.

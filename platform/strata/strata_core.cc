@@ -1,0 +1,477 @@
+// Host StrataCore: an in-memory index of the installed packages, swapped
+// whole on every change; lookups answered by two worker threads that read the
+// file (from the folder or the .zip) straight into the response.
+#include "strata/strata_core.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "common/host_env.h"
+#include "hilog/log.h"
+
+namespace fs = std::filesystem;
+
+namespace StrataCore {
+namespace {
+
+constexpr char kTag[] = "StrataCore";
+constexpr int kWorkers = 2;
+
+struct Resource {
+  std::string packageId;
+  std::string version;
+  std::string packagePath;
+  bool zipped = false;
+  std::string file;
+  Headers headers;
+};
+
+struct Index {
+  std::unordered_map<std::string, Resource> exact;     // URL without fragment
+  std::unordered_map<std::string, Resource> anyQuery;  // URL without query and fragment
+  std::vector<PackageInfo> packages;
+};
+
+struct Package {
+  PackageInfo info;
+  bool zipped = false;
+  std::vector<std::pair<std::string, Resource>> exact;
+  std::vector<std::pair<std::string, Resource>> anyQuery;
+};
+
+std::string withoutFragment(const std::string& url) {
+  return url.substr(0, url.find('#'));
+}
+
+std::string withoutQuery(const std::string& url) {
+  std::string base = withoutFragment(url);
+  return base.substr(0, base.find('?'));
+}
+
+// "1.10.0" > "1.9.3": dot-separated parts compared as numbers when both are.
+int compareVersions(const std::string& a, const std::string& b) {
+  std::istringstream left(a), right(b);
+  std::string x, y;
+  while (true) {
+    bool hasX = static_cast<bool>(std::getline(left, x, '.'));
+    bool hasY = static_cast<bool>(std::getline(right, y, '.'));
+    if (!hasX && !hasY)
+      return 0;
+    if (!hasX)
+      return -1;
+    if (!hasY)
+      return 1;
+    bool numeric = !x.empty() && !y.empty() &&
+                   x.find_first_not_of("0123456789") == std::string::npos &&
+                   y.find_first_not_of("0123456789") == std::string::npos;
+    if (numeric) {
+      unsigned long long nx = std::stoull(x), ny = std::stoull(y);
+      if (nx != ny)
+        return nx < ny ? -1 : 1;
+    } else if (x != y) {
+      return x < y ? -1 : 1;
+    }
+  }
+}
+
+// A package file name must stay inside the package.
+bool isSafeRelativePath(const std::string& file) {
+  if (file.empty() || file[0] == '/')
+    return false;
+  for (const auto& part : fs::path(file)) {
+    if (part == "..")
+      return false;
+  }
+  return true;
+}
+
+bool readZipEntry(zip_t* archive, const std::string& name, std::string* out) {
+  zip_stat_t stat;
+  zip_stat_init(&stat);
+  if (zip_stat(archive, name.c_str(), 0, &stat) != 0 || !(stat.valid & ZIP_STAT_SIZE))
+    return false;
+  zip_file_t* file = zip_fopen(archive, name.c_str(), 0);
+  if (!file)
+    return false;
+  out->resize(stat.size);
+  zip_int64_t n = stat.size ? zip_fread(file, out->data(), stat.size) : 0;
+  zip_fclose(file);
+  return n == static_cast<zip_int64_t>(stat.size);
+}
+
+bool readFile(const std::string& path, std::string* out) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return false;
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  if (ok) {
+    // Straight into the response: no intermediate buffer.
+    out->resize(static_cast<size_t>(st.st_size));
+    size_t done = 0;
+    while (ok && done < out->size()) {
+      ssize_t n = read(fd, out->data() + done, out->size() - done);
+      if (n <= 0)
+        ok = false;
+      else
+        done += static_cast<size_t>(n);
+    }
+  }
+  close(fd);
+  return ok;
+}
+
+// Reads and checks the package at `path`. Resources that cannot be served
+// are left out with a log line; a package that cannot be read at all is
+// refused with `error` set.
+std::optional<Package> loadPackage(const std::string& path, std::string* error) {
+  Package package;
+  package.zipped = path.size() > 4 && path.compare(path.size() - 4, 4, ".zip") == 0;
+  std::string manifestText;
+  zip_t* archive = nullptr;
+  if (package.zipped) {
+    int code = 0;
+    archive = zip_open(path.c_str(), ZIP_RDONLY, &code);
+    if (!archive) {
+      *error = "not a readable zip archive";
+      return std::nullopt;
+    }
+    if (!readZipEntry(archive, "manifest.json", &manifestText)) {
+      zip_close(archive);
+      *error = "no manifest.json at the top of the archive";
+      return std::nullopt;
+    }
+  } else if (!readFile(path + "/manifest.json", &manifestText)) {
+    *error = "no manifest.json in the folder";
+    return std::nullopt;
+  }
+  std::unique_ptr<zip_t, int (*)(zip_t*)> closer(archive,
+                                                 [](zip_t* a) { return a ? zip_close(a) : 0; });
+
+  nlohmann::json manifest;
+  try {
+    manifest = nlohmann::json::parse(manifestText);
+  } catch (const std::exception& e) {
+    *error = std::string("manifest.json is not JSON: ") + e.what();
+    return std::nullopt;
+  }
+  if (!manifest.is_object() || !manifest.contains("id") || !manifest["id"].is_string() ||
+      manifest["id"].get<std::string>().empty() || !manifest.contains("resources") ||
+      !manifest["resources"].is_array()) {
+    *error = "manifest.json needs a non-empty \"id\" and a \"resources\" array";
+    return std::nullopt;
+  }
+  package.info.id = manifest["id"];
+  package.info.version = manifest.value("version", "0");
+  package.info.path = path;
+  std::string realRoot = package.zipped ? "" : fs::weakly_canonical(path).string() + "/";
+  for (const auto& entry : manifest["resources"]) {
+    std::string url = entry.is_object() ? entry.value("url", "") : "";
+    std::string file = entry.is_object() ? entry.value("file", "") : "";
+    auto skip = [&](const char* why) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag,
+                   "package %{public}s: resource %{public}s (%{public}s) left out: %{public}s",
+                   package.info.id.c_str(), url.c_str(), file.c_str(), why);
+    };
+    if (url.empty() || !isSafeRelativePath(file)) {
+      skip("it needs a url and a file path inside the package");
+      continue;
+    }
+    if (package.zipped) {
+      if (zip_name_locate(archive, file.c_str(), 0) < 0) {
+        skip("the file is not in the archive");
+        continue;
+      }
+    } else {
+      std::error_code ec;
+      std::string real = fs::canonical(path + "/" + file, ec).string();
+      if (ec || real.compare(0, realRoot.size(), realRoot) != 0 || !fs::is_regular_file(real)) {
+        skip(ec ? "the file does not exist" : "the file is outside the package");
+        continue;
+      }
+    }
+    Resource resource{package.info.id, package.info.version, path, package.zipped, file, {}};
+    if (entry.contains("headers") && entry["headers"].is_object()) {
+      for (const auto& [name, value] : entry["headers"].items()) {
+        resource.headers[name] = value.is_string() ? value.get<std::string>() : value.dump();
+      }
+    }
+    bool anyQuery = entry.value("anyQuery", false);
+    (anyQuery ? package.anyQuery : package.exact)
+        .emplace_back(anyQuery ? withoutQuery(url) : withoutFragment(url), std::move(resource));
+  }
+  package.info.resources = package.exact.size() + package.anyQuery.size();
+  return package;
+}
+
+void addResources(const std::vector<std::pair<std::string, Resource>>& resources,
+                  std::unordered_map<std::string, Resource>& table) {
+  for (const auto& [url, resource] : resources) {
+    auto existing = table.find(url);
+    if (existing != table.end()) {
+      bool newer = compareVersions(resource.version, existing->second.version) > 0;
+      const Resource& winner = newer ? resource : existing->second;
+      const Resource& loser = newer ? existing->second : resource;
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+                   "%{public}s is in packages %{public}s %{public}s and %{public}s %{public}s; "
+                   "serving it from the newer one, %{public}s",
+                   url.c_str(), winner.packageId.c_str(), winner.version.c_str(),
+                   loser.packageId.c_str(), loser.version.c_str(), winner.packageId.c_str());
+      if (!newer)
+        continue;
+    }
+    table[url] = resource;
+  }
+}
+
+std::shared_ptr<const Index> buildIndex(const std::string& dir) {
+  auto index = std::make_shared<Index>();
+  std::error_code ec;
+  std::vector<std::string> paths;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    std::string name = entry.path().filename().string();
+    if (name.empty() || name[0] == '.')
+      continue;  // installs in progress
+    if (entry.is_directory() || (entry.is_regular_file() && entry.path().extension() == ".zip")) {
+      paths.push_back(entry.path().string());
+    }
+  }
+  std::sort(paths.begin(), paths.end());
+  for (const std::string& path : paths) {
+    std::string error;
+    std::optional<Package> package = loadPackage(path, &error);
+    if (!package) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "skipping package %{public}s: %{public}s",
+                   path.c_str(), error.c_str());
+      continue;
+    }
+    addResources(package->exact, index->exact);
+    addResources(package->anyQuery, index->anyQuery);
+    index->packages.push_back(package->info);
+  }
+  return index;
+}
+
+class Library {
+ public:
+  Library() : dir_(host::envOr("VELORA_PACKAGES_DIR", host::dataDir() + "/packages")) {
+    std::atomic_store(&index_, buildIndex(dir_));
+    for (int i = 0; i < kWorkers; ++i)
+      workers_.emplace_back([this] { work(); });
+  }
+
+  ~Library() {
+    std::deque<Job> left;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+      left.swap(jobs_);
+    }
+    wake_.notify_all();
+    for (auto& worker : workers_)
+      worker.join();
+    for (Job& job : left) {
+      auto response = std::make_unique<ResourceResponse>();
+      response->error = Error(Error::kShuttingDown, "the offline cache is shutting down");
+      job.completion(std::move(response));
+    }
+  }
+
+  void submit(const ResourceRequest& request, Completion completion) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      jobs_.push_back({request.url(), std::move(completion)});
+    }
+    wake_.notify_one();
+  }
+
+  void setPaused(bool paused) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      paused_ = paused;
+    }
+    wake_.notify_all();
+  }
+
+  const std::string& dir() const { return dir_; }
+  std::shared_ptr<const Index> index() const { return std::atomic_load(&index_); }
+
+  void rescan() {
+    std::lock_guard<std::mutex> lock(changeMutex_);
+    std::atomic_store(&index_, buildIndex(dir_));
+  }
+
+  std::mutex& changeMutex() { return changeMutex_; }
+
+  void swapIndexLocked() { std::atomic_store(&index_, buildIndex(dir_)); }
+
+ private:
+  struct Job {
+    std::string url;
+    Completion completion;
+  };
+
+  void work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [this] { return stopping_ || (!paused_ && !jobs_.empty()); });
+      if (stopping_)
+        return;
+      Job job = std::move(jobs_.front());
+      jobs_.pop_front();
+      lock.unlock();
+      job.completion(lookup(job.url));
+      lock.lock();
+    }
+  }
+
+  std::unique_ptr<ResourceResponse> lookup(const std::string& url) {
+    auto response = std::make_unique<ResourceResponse>();
+    std::shared_ptr<const Index> index = this->index();
+    const Resource* resource = nullptr;
+    auto exact = index->exact.find(withoutFragment(url));
+    if (exact != index->exact.end()) {
+      resource = &exact->second;
+    } else {
+      auto any = index->anyQuery.find(withoutQuery(url));
+      if (any != index->anyQuery.end())
+        resource = &any->second;
+    }
+    if (!resource) {
+      response->error = Error(Error::kNotFound, "no package holds " + url);
+      return response;
+    }
+    bool read = false;
+    if (resource->zipped) {
+      int code = 0;
+      zip_t* archive = zip_open(resource->packagePath.c_str(), ZIP_RDONLY, &code);
+      if (archive) {
+        read = readZipEntry(archive, resource->file, &response->body);
+        zip_close(archive);
+      }
+    } else {
+      read = readFile(resource->packagePath + "/" + resource->file, &response->body);
+    }
+    if (!read) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "cannot read %{public}s from package %{public}s",
+                   resource->file.c_str(), resource->packageId.c_str());
+      response->body.clear();
+      response->error = Error(Error::kReadFailed, "cannot read " + resource->file + " of package " +
+                                                      resource->packageId);
+      return response;
+    }
+    response->headers = resource->headers;
+    response->packageId = resource->packageId;
+    return response;
+  }
+
+  const std::string dir_;
+  std::shared_ptr<const Index> index_;  // atomic load/store only
+  std::mutex changeMutex_;              // one change of the folder at a time
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Job> jobs_;  // guarded by mutex_
+  bool paused_ = false;
+  bool stopping_ = false;
+  std::vector<std::thread> workers_;
+};
+
+Library& library() {
+  static Library instance;
+  return instance;
+}
+
+}  // namespace
+
+void Access::getResource(const ResourceRequest& request, Completion completion) {
+  if (!completion)
+    return;
+  library().submit(request, std::move(completion));
+}
+
+void Access::pause() {
+  library().setPaused(true);
+}
+
+void Access::resume() {
+  library().setPaused(false);
+}
+
+std::string PackageManager::packagesDir() {
+  return library().dir();
+}
+
+bool PackageManager::install(const std::string& source, std::string* error) {
+  std::string ignored;
+  std::string& why = error ? *error : ignored;
+  std::string path = source;
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  std::optional<Package> package = loadPackage(path, &why);
+  if (!package)
+    return false;
+  Library& lib = library();
+  std::lock_guard<std::mutex> lock(lib.changeMutex());
+  std::error_code ec;
+  fs::create_directories(lib.dir(), ec);
+  std::string name = package->info.id + (package->zipped ? ".zip" : "");
+  std::string staging = lib.dir() + "/." + name + ".installing";
+  fs::remove_all(staging, ec);
+  if (package->zipped) {
+    fs::copy_file(path, staging, ec);
+  } else {
+    fs::copy(path, staging, fs::copy_options::recursive, ec);
+  }
+  if (ec) {
+    why = "cannot copy into " + lib.dir() + ": " + ec.message();
+    fs::remove_all(staging, ec);
+    return false;
+  }
+  // An installed package of the same id, in either form, is replaced.
+  fs::remove_all(lib.dir() + "/" + package->info.id, ec);
+  fs::remove(lib.dir() + "/" + package->info.id + ".zip", ec);
+  fs::rename(staging, lib.dir() + "/" + name, ec);
+  if (ec) {
+    why = "cannot move the package into place: " + ec.message();
+    return false;
+  }
+  lib.swapIndexLocked();
+  OH_LOG_Print(LOG_APP, LOG_INFO, 0, kTag, "installed package %{public}s %{public}s",
+               package->info.id.c_str(), package->info.version.c_str());
+  return true;
+}
+
+bool PackageManager::remove(const std::string& id) {
+  Library& lib = library();
+  std::lock_guard<std::mutex> lock(lib.changeMutex());
+  std::error_code ec;
+  bool removed = fs::remove_all(lib.dir() + "/" + id, ec) > 0;
+  removed = fs::remove(lib.dir() + "/" + id + ".zip", ec) || removed;
+  if (removed)
+    lib.swapIndexLocked();
+  return removed;
+}
+
+std::vector<PackageInfo> PackageManager::list() {
+  return library().index()->packages;
+}
+
+void PackageManager::rescan() {
+  library().rescan();
+}
+
+}  // namespace StrataCore

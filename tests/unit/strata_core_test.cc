@@ -1,0 +1,224 @@
+// Offline packages: what is served, what is refused, and swapping packages
+// while lookups run.
+#include "strata/strata_core.h"
+
+#include <gtest/gtest.h>
+#include <zip.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+using StrataCore::Access;
+using StrataCore::PackageManager;
+
+namespace {
+
+void write(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// A folder package with one resource per (url, file, body).
+fs::path makePackage(const fs::path& root,
+                     const std::string& id,
+                     const std::string& version,
+                     const std::vector<std::tuple<std::string, std::string, std::string>>& files,
+                     nlohmann::json extra = nlohmann::json::object()) {
+  fs::path dir = root / (id + "-" + version);
+  nlohmann::json manifest = {
+      {"id", id}, {"version", version}, {"resources", nlohmann::json::array()}};
+  for (const auto& [url, file, body] : files) {
+    write(dir / file, body);
+    nlohmann::json resource = {
+        {"url", url}, {"file", file}, {"headers", {{"Content-Type", "text/plain"}}}};
+    resource.update(extra);
+    manifest["resources"].push_back(resource);
+  }
+  write(dir / "manifest.json", manifest.dump());
+  return dir;
+}
+
+fs::path zipFolder(const fs::path& folder, const fs::path& out) {
+  int error = 0;
+  zip_t* archive = zip_open(out.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (!entry.is_regular_file())
+      continue;
+    std::string name = fs::relative(entry.path(), folder).generic_string();
+    zip_file_add(archive, name.c_str(), zip_source_file(archive, entry.path().c_str(), 0, -1), 0);
+  }
+  zip_close(archive);
+  return out;
+}
+
+std::unique_ptr<StrataCore::ResourceResponse> lookup(const std::string& url) {
+  std::promise<std::unique_ptr<StrataCore::ResourceResponse>> answer;
+  auto future = answer.get_future();
+  Access::getResource(StrataCore::ResourceRequest(url, {}),
+                      [&](std::unique_ptr<StrataCore::ResourceResponse> response) {
+                        answer.set_value(std::move(response));
+                      });
+  return future.get();
+}
+
+class StrataCoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setenv("VELORA_PACKAGES_DIR", installed_.path().c_str(), 1); }
+  velora_test::TempDir installed_;
+  velora_test::TempDir sources_;
+};
+
+}  // namespace
+
+VELORA_CHILD(StrataShutdownAnswersPending) {
+  Access::pause();
+  std::atomic<int>* answered = new std::atomic<int>(0);  // read by completions at exit
+  for (int i = 0; i < 10; ++i) {
+    Access::getResource(StrataCore::ResourceRequest("https://a.test/x", {}),
+                        [answered](std::unique_ptr<StrataCore::ResourceResponse> response) {
+                          if (response->error.code() == StrataCore::Error::kShuttingDown) {
+                            std::printf("answered %d\n", ++*answered);
+                            std::fflush(stdout);
+                          }
+                        });
+  }
+  return 0;
+}
+
+TEST_F(StrataCoreTest, FolderAndZipPackagesServeTheirFilesWithTheManifestHeaders) {
+  std::string big(3 << 20, 'b');
+  fs::path folder = makePackage(sources_.path(), "app", "1",
+                                {{"https://a.test/index.html", "index.html", "<p>hi</p>"},
+                                 {"https://a.test/big.bin", "sub/big.bin", big}});
+  fs::path zipped =
+      zipFolder(makePackage(sources_.path(), "lib", "2",
+                            {{"https://cdn.test/lib.js", "lib.js", "js()"}}, {{"anyQuery", true}}),
+                fs::path(sources_.path()) / "lib.zip");
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(folder.string(), &error)) << error;
+  ASSERT_TRUE(PackageManager::install(zipped.string(), &error)) << error;
+  EXPECT_EQ(PackageManager::list().size(), 2u);
+
+  auto page = lookup("https://a.test/index.html#top");
+  EXPECT_FALSE(page->error);
+  EXPECT_EQ(page->body, "<p>hi</p>");
+  EXPECT_EQ(page->headers.at("Content-Type"), "text/plain");
+  EXPECT_EQ(lookup("https://a.test/big.bin")->body, big);
+  EXPECT_EQ(lookup("https://cdn.test/lib.js?v=123")->body, "js()");  // any query
+  EXPECT_EQ(lookup("https://a.test/index.html?v=1")->error.code(), StrataCore::Error::kNotFound);
+  EXPECT_EQ(lookup("https://a.test/missing")->error.code(), StrataCore::Error::kNotFound);
+
+  ASSERT_TRUE(PackageManager::remove("lib"));
+  EXPECT_TRUE(lookup("https://cdn.test/lib.js")->error);
+  EXPECT_FALSE(PackageManager::remove("lib"));
+}
+
+TEST_F(StrataCoreTest, BadPackagesAreSkippedAndNothingOutsideAPackageIsServed) {
+  velora_test::HilogCapture hilog;
+  write(installed_.path() + "/nomanifest/a.txt", "x");
+  write(installed_.path() + "/badjson/manifest.json", "{not json");
+  write(installed_.path() + "/broken.zip", "not a zip");
+  write(sources_.path() + "/secret.txt", "secret");
+  fs::path escaping =
+      makePackage(installed_.path(), "escape", "1", {{"https://a.test/ok", "ok.txt", "ok"}});
+  nlohmann::json manifest = nlohmann::json::parse(std::ifstream(escaping / "manifest.json"));
+  manifest["resources"].push_back({{"url", "https://a.test/up"}, {"file", "../../secret.txt"}});
+  manifest["resources"].push_back(
+      {{"url", "https://a.test/abs"}, {"file", sources_.path() + "/secret.txt"}});
+  manifest["resources"].push_back({{"url", "https://a.test/gone"}, {"file", "gone.txt"}});
+  fs::create_symlink(sources_.path() + "/secret.txt", escaping / "link.txt");
+  manifest["resources"].push_back({{"url", "https://a.test/link"}, {"file", "link.txt"}});
+  write(escaping / "manifest.json", manifest.dump());
+  PackageManager::rescan();
+
+  EXPECT_EQ(lookup("https://a.test/ok")->body, "ok");
+  for (const char* url :
+       {"https://a.test/up", "https://a.test/abs", "https://a.test/gone", "https://a.test/link"}) {
+    auto response = lookup(url);
+    EXPECT_TRUE(response->error) << url;
+    EXPECT_TRUE(response->body.empty()) << url;
+  }
+  EXPECT_EQ(PackageManager::list().size(), 1u);
+  EXPECT_TRUE(hilog.contains("skipping package " + installed_.path() + "/badjson"));
+  EXPECT_TRUE(hilog.contains("skipping package " + installed_.path() + "/broken.zip"));
+  EXPECT_TRUE(hilog.contains("outside the package"));
+  std::string error;
+  EXPECT_FALSE(PackageManager::install(installed_.path() + "/badjson", &error));
+  EXPECT_NE(error.find("not JSON"), std::string::npos);
+}
+
+TEST_F(StrataCoreTest, TheNewerVersionWinsADuplicateUrl) {
+  velora_test::HilogCapture hilog;
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(
+      makePackage(sources_.path(), "new", "1.10.0", {{"https://a.test/x", "x", "new"}}).string(),
+      &error));
+  ASSERT_TRUE(PackageManager::install(
+      makePackage(sources_.path(), "old", "1.9.3", {{"https://a.test/x", "x", "old"}}).string(),
+      &error));
+  EXPECT_EQ(lookup("https://a.test/x")->body, "new");
+  EXPECT_EQ(lookup("https://a.test/x")->packageId, "new");
+  EXPECT_TRUE(hilog.contains("serving it from the newer one, new"));
+}
+
+TEST_F(StrataCoreTest, InstallAndRemoveWhileLookupsRunNeverServeAHalfPackage) {
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(
+      makePackage(sources_.path(), "stable", "1", {{"https://a.test/s", "s", "stable"}}).string(),
+      &error));
+  fs::path flipping =
+      makePackage(sources_.path(), "flip", "1",
+                  {{"https://a.test/f", "f", "flip"}, {"https://a.test/g", "g", "gee"}});
+  std::atomic<int> wrong{0}, answered{0}, swaps{0};
+  std::atomic<bool> running{true};
+  std::thread changer([&] {
+    while (running) {
+      PackageManager::install(flipping.string(), nullptr);
+      PackageManager::remove("flip");
+      ++swaps;
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    if (i % 50 == 0) {
+      // Spread the lookups over several swaps.
+      int seen = swaps;
+      velora_test::waitFor([&] { return swaps > seen; });
+    }
+    const char* url =
+        i % 3 == 0 ? "https://a.test/s" : (i % 3 == 1 ? "https://a.test/f" : "https://a.test/g");
+    Access::getResource(StrataCore::ResourceRequest(url, {}),
+                        [&, i](std::unique_ptr<StrataCore::ResourceResponse> response) {
+                          std::string expected =
+                              i % 3 == 0 ? "stable" : (i % 3 == 1 ? "flip" : "gee");
+                          bool ok = response->error ? i % 3 != 0 : response->body == expected;
+                          if (!ok)
+                            ++wrong;
+                          ++answered;
+                        });
+  }
+  EXPECT_TRUE(velora_test::waitFor([&] { return answered == 500; }, std::chrono::seconds(60)));
+  running = false;
+  changer.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_GE(swaps.load(), 10);
+}
+
+TEST_F(StrataCoreTest, PendingLookupsAreAnsweredOnceWhenTheLibraryShutsDown) {
+  // The child prints a line per completion; its exit is the shutdown.
+  std::string out = sources_.path() + "/out.txt";
+  std::string command = "VELORA_TEST_CHILD=StrataShutdownAnswersPending /proc/" +
+                        std::to_string(getpid()) + "/exe > " + out;
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  std::ifstream lines(out);
+  int count = 0;
+  for (std::string line; std::getline(lines, line);)
+    ++count;
+  EXPECT_EQ(count, 10);
+}

@@ -1,0 +1,179 @@
+// velora-pack: builds, installs, lists and removes offline resource packages.
+//
+//   velora-pack build <folder> <base-url> <out> [--id ID] [--version V]
+//       Packages every file under <folder>; file a/b.css is served for
+//       <base-url>/a/b.css with a Content-Type from its extension. <out> is a
+//       folder, or a .zip file.
+//   velora-pack install <package>     into $VELORA_PACKAGES_DIR
+//   velora-pack list
+//   velora-pack remove <id>
+#include <zip.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "strata/strata_core.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+int usage() {
+  std::fprintf(stderr,
+               "usage: velora-pack build <folder> <base-url> <out-folder|out.zip> [--id ID] "
+               "[--version V]\n"
+               "       velora-pack install <package-folder|package.zip>\n"
+               "       velora-pack list\n"
+               "       velora-pack remove <id>\n");
+  return 2;
+}
+
+std::string contentType(const fs::path& file) {
+  static const std::map<std::string, std::string> types = {{".html", "text/html; charset=utf-8"},
+                                                           {".htm", "text/html; charset=utf-8"},
+                                                           {".css", "text/css"},
+                                                           {".js", "text/javascript"},
+                                                           {".mjs", "text/javascript"},
+                                                           {".json", "application/json"},
+                                                           {".map", "application/json"},
+                                                           {".txt", "text/plain"},
+                                                           {".xml", "application/xml"},
+                                                           {".svg", "image/svg+xml"},
+                                                           {".png", "image/png"},
+                                                           {".jpg", "image/jpeg"},
+                                                           {".jpeg", "image/jpeg"},
+                                                           {".gif", "image/gif"},
+                                                           {".webp", "image/webp"},
+                                                           {".ico", "image/x-icon"},
+                                                           {".woff", "font/woff"},
+                                                           {".woff2", "font/woff2"},
+                                                           {".ttf", "font/ttf"},
+                                                           {".wasm", "application/wasm"}};
+  std::string extension = file.extension().string();
+  for (char& c : extension)
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  auto it = types.find(extension);
+  return it == types.end() ? "application/octet-stream" : it->second;
+}
+
+int build(const std::vector<std::string>& args) {
+  if (args.size() < 3)
+    return usage();
+  fs::path folder = args[0];
+  std::string base = args[1];
+  while (!base.empty() && base.back() == '/')
+    base.pop_back();
+  fs::path out = args[2];
+  std::string id = folder.filename().string(), version = "1";
+  for (size_t i = 3; i + 1 < args.size(); i += 2) {
+    if (args[i] == "--id")
+      id = args[i + 1];
+    else if (args[i] == "--version")
+      version = args[i + 1];
+    else
+      return usage();
+  }
+  if (!fs::is_directory(folder)) {
+    std::fprintf(stderr, "velora-pack: %s is not a folder\n", folder.c_str());
+    return 1;
+  }
+  nlohmann::json manifest = {
+      {"id", id}, {"version", version}, {"resources", nlohmann::json::array()}};
+  std::vector<std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (!entry.is_regular_file())
+      continue;
+    std::string relative = fs::relative(entry.path(), folder).generic_string();
+    if (relative == "manifest.json")
+      continue;
+    files.push_back(relative);
+  }
+  std::sort(files.begin(), files.end());
+  for (const std::string& file : files) {
+    manifest["resources"].push_back({{"url", base + "/" + file},
+                                     {"file", file},
+                                     {"headers", {{"Content-Type", contentType(file)}}}});
+  }
+  std::string manifestText = manifest.dump(2);
+  if (out.extension() == ".zip") {
+    int error = 0;
+    zip_t* archive = zip_open(out.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+    if (!archive) {
+      std::fprintf(stderr, "velora-pack: cannot create %s\n", out.c_str());
+      return 1;
+    }
+    for (const std::string& file : files) {
+      zip_source_t* source = zip_source_file(archive, (folder / file).c_str(), 0, -1);
+      if (!source || zip_file_add(archive, file.c_str(), source, ZIP_FL_OVERWRITE) < 0) {
+        std::fprintf(stderr, "velora-pack: cannot add %s: %s\n", file.c_str(),
+                     zip_strerror(archive));
+        zip_discard(archive);
+        return 1;
+      }
+    }
+    zip_source_t* text = zip_source_buffer(archive, manifestText.data(), manifestText.size(), 0);
+    zip_file_add(archive, "manifest.json", text, ZIP_FL_OVERWRITE);
+    if (zip_close(archive) != 0) {
+      std::fprintf(stderr, "velora-pack: cannot write %s\n", out.c_str());
+      return 1;
+    }
+  } else {
+    std::error_code ec;
+    fs::create_directories(out, ec);
+    for (const std::string& file : files) {
+      fs::create_directories((out / file).parent_path(), ec);
+      fs::copy_file(folder / file, out / file, fs::copy_options::overwrite_existing, ec);
+      if (ec) {
+        std::fprintf(stderr, "velora-pack: cannot copy %s: %s\n", file.c_str(),
+                     ec.message().c_str());
+        return 1;
+      }
+    }
+    std::ofstream(out / "manifest.json") << manifestText;
+  }
+  std::printf("built %s %s: %zu resources under %s -> %s\n", id.c_str(), version.c_str(),
+              files.size(), base.c_str(), out.c_str());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2)
+    return usage();
+  std::string command = argv[1];
+  std::vector<std::string> args(argv + 2, argv + argc);
+  if (command == "build")
+    return build(args);
+  if (command == "install" && args.size() == 1) {
+    std::string error;
+    if (!StrataCore::PackageManager::install(args[0], &error)) {
+      std::fprintf(stderr, "velora-pack: cannot install %s: %s\n", args[0].c_str(), error.c_str());
+      return 1;
+    }
+    std::printf("installed %s into %s\n", args[0].c_str(),
+                StrataCore::PackageManager::packagesDir().c_str());
+    return 0;
+  }
+  if (command == "list" && args.empty()) {
+    for (const auto& package : StrataCore::PackageManager::list()) {
+      std::printf("%s\t%s\t%zu resources\t%s\n", package.id.c_str(), package.version.c_str(),
+                  package.resources, package.path.c_str());
+    }
+    return 0;
+  }
+  if (command == "remove" && args.size() == 1) {
+    if (!StrataCore::PackageManager::remove(args[0])) {
+      std::fprintf(stderr, "velora-pack: no package %s is installed\n", args[0].c_str());
+      return 1;
+    }
+    return 0;
+  }
+  return usage();
+}

@@ -1,0 +1,47 @@
+// Answering GET requests from the offline resource packages.
+#include "strata/strata_core.h"
+#include "tide_logger/log.h"
+#include "web_request/web_request.h"
+
+namespace velora {
+namespace {
+
+constexpr char kRequestTag[] = "Velora/web_request";
+constexpr char kAllowOrigin[] = "Access-Control-Allow-Origin";
+
+void logStrata(const char* event, const std::string& tag, const std::string& url) {
+  tide::Log::build(tide::kInfo, kRequestTag).event(event, tag).key("url").value(url).done();
+}
+
+}  // namespace
+
+void WebRequest::sendStrataRequest() {
+  const std::string url = url_;
+  logStrata("strataStart", tag_, url);
+  StrataCore::Headers headers(headers_.begin(), headers_.end());
+  // The lookup must never keep the request alive: a page may go away first.
+  std::weak_ptr<WebRequest> weak = weak_from_this();
+  StrataCore::Access::getResource(
+      StrataCore::ResourceRequest(url, headers),
+      [weak, url](std::unique_ptr<StrataCore::ResourceResponse> response) {
+        std::shared_ptr<WebRequest> self = weak.lock();
+        if (!self)
+          return;
+        if (response->error) {
+          logStrata("strataFail", self->tag_, url);
+          self->sendNetRequest();
+          return;
+        }
+        logStrata("strataSuccess", self->tag_, url);
+        HeaderMultimap answer = transformHeaders(response->headers);
+        // Packaged resources are usable by pages of any origin.
+        if (answer.find(kAllowOrigin) == answer.end())
+          answer[kAllowOrigin].push_back("*");
+        self->onResponse(200, answer);
+        self->onData(reinterpret_cast<const unsigned char*>(response->body.data()),
+                     response->body.size());
+        self->onFinish();
+      });
+}
+
+}  // namespace velora
