@@ -1,7 +1,8 @@
 'use strict';
 // The main job: a small site loaded by a web component bound to Velora and by
-// one that is not, side by side. For each request: where it was answered
-// from, its status, size, time to first byte and to finish.
+// one that is not, side by side. The page is prefetched before its component
+// is bound, the assets come from an offline package. For each request: where
+// it was answered from, its status, size, time to first byte and to finish.
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -44,6 +45,7 @@ function newLogEntries() {
 
 function sourceOf(result, entries) {
   if (!result.intercepted) return 'engine network';
+  if (entries.some((e) => e.event === 'request' && e.fields.prefetchHit)) return 'Velora: prefetch';
   if (entries.some((e) => e.event === 'strataSuccess')) return 'Velora: package';
   return 'Velora: network';
 }
@@ -80,8 +82,12 @@ async function main() {
       deviceRatio: 3.25, landscape: false });
     velora.setNetworkIntercept(true);
 
+    // The page is prefetched while the app is still setting up its component.
+    const pageUrl = origin.url(SITE[0].path);
+    const prefetchId = velora.prefetch({ url: pageUrl, method: 'GET', headers: [] });
+    await new Promise((resolve) => setTimeout(resolve, 50));
     const bound = host.createWebComponent('demo-page');
-    velora.webviewNativeInit({ webTag: 'demo-page', prefetchId: '', prefetchUrl: '' });
+    velora.webviewNativeInit({ webTag: 'demo-page', prefetchId, prefetchUrl: pageUrl });
     velora.webviewNativeAttach({ webTag: 'demo-page' });
     const plain = host.createWebComponent('plain-page');
 

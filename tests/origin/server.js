@@ -8,7 +8,8 @@
 //   /bytes/N[?chunk=S&delay=MS]  N bytes of a fixed pattern (byte i = (i*31+7)&255),
 //                                written in pieces of S bytes MS ms apart
 //   /site/...                    files of the demo site (tests/origin/site)
-//   /delay?ms=MS[&size=N]        answers after MS ms
+//   /delay?ms=MS[&size=N&chunk=S&every=E]  answers after MS ms, the body in
+//                                pieces of S bytes E ms apart
 //   /echo[?raw=1]                any method: JSON {method, length, sha256, chunked, headers},
 //                                or with raw=1 the uploaded bytes themselves
 //   /headers                     three Set-Cookie lines, repeated X-Multi, request headers as JSON
@@ -78,7 +79,8 @@ function handle(req, res) {
       return res.end(body);
     }
     case 'delay':
-      return setTimeout(() => sendPattern(res, num('size', 16), 0, 0), num('ms', 100));
+      return setTimeout(() => sendPattern(res, num('size', 16), num('chunk', 0), num('every', 0)),
+        num('ms', 100));
     case 'echo': {
       const hash = crypto.createHash('sha256');
       const pieces = [];

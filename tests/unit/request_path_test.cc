@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "arkweb_host/web_component.h"
+#include "bound_page.h"
 #include "hilog/log.h"
 #include "intercept/intercept_manager.h"
 #include "origin_server.h"
@@ -19,28 +20,11 @@
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
 using velora::InterceptManager;
+using velora_test::BoundPage;
 using velora_test::OriginServer;
 using velora_test::patternBytes;
 
 namespace {
-
-// A web component bound to Velora as webviewNativeInit/Attach do.
-class BoundPage {
- public:
-  explicit BoundPage(const std::string& tag) : web_(arkweb_host::WebComponent::create(tag)) {
-    auto info = std::make_shared<velora::WebInfo>();
-    info->webTag = tag;
-    velora::PageBinding::init(info);
-    velora::PageBinding::attach(tag);
-  }
-  ~BoundPage() { web_->destroy(); }
-
-  LoadResult load(LoadOptions options) { return web_->loadAndWait(std::move(options)); }
-  arkweb_host::WebComponent& web() { return *web_; }
-
- private:
-  std::shared_ptr<arkweb_host::WebComponent> web_;
-};
 
 std::vector<std::string> valuesOf(const LoadResult& result, const std::string& name) {
   std::vector<std::string> values;

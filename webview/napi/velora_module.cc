@@ -2,10 +2,13 @@
 // functions the script layer calls.
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/ssr_client_info.h"
+#include "hilog/log.h"
 #include "intercept/intercept_manager.h"
 #include "napi/init_helper.h"
 #include "napi/napi_helper.h"
 #include "napi/native_api.h"
+#include "prefetch/prefetch_helper.h"
+#include "prefetch/prefetch_network.h"
 #include "scheme/page_binding.h"
 #include "tern/singleton.h"
 #include "tide_logger/log.h"
@@ -94,6 +97,31 @@ napi_value WebviewNativeAttach(napi_env env, napi_callback_info info) {
   return nullptr;
 }
 
+napi_value Prefetch(napi_env env, napi_callback_info info) {
+  auto [request, callback] = PrefetchHelper::parsePrefetchRequestParams(env, info);
+  std::string id = PrefetchNetwork::startPrefetch(request, callback);
+  tide::Log::build(tide::kInfo, kWebTag)
+      .event("prefetch", id)
+      .key("url")
+      .value(request->getUrl())
+      .done();
+  return NapiHelper::createStringValue(env, id);
+}
+
+napi_value RemovePrefetch(napi_env env, napi_callback_info info) {
+  napi_value argument = NapiHelper::getArgument(env, info, 0);
+  if (!argument) {
+    tide::Log::build(tide::kInfo, kWebTag).event("removePrefetch", "null").done();
+    OH_LOG_Print(LOG_APP, LOG_INFO, 0, kWebTag, "removePrefetch param null");
+    return nullptr;
+  }
+  std::string id = NapiHelper::getString(env, argument);
+  OH_LOG_Print(LOG_APP, LOG_INFO, 0, kWebTag, "removePrefetch id:%{public}s", id.c_str());
+  tide::Log::build(tide::kInfo, kWebTag).event("removePrefetch", id).done();
+  PrefetchNetwork::removePrefetch(id);
+  return nullptr;
+}
+
 constexpr napi_property_descriptor kProperties[] = {
     {"sdkInit", nullptr, SdkInit, nullptr, nullptr, nullptr, napi_default, nullptr},
     {"setClientInfo", nullptr, SetClientInfo, nullptr, nullptr, nullptr, napi_default, nullptr},
@@ -109,6 +137,8 @@ constexpr napi_property_descriptor kProperties[] = {
      nullptr},
     {"webviewNativeAttach", nullptr, WebviewNativeAttach, nullptr, nullptr, nullptr, napi_default,
      nullptr},
+    {"prefetch", nullptr, Prefetch, nullptr, nullptr, nullptr, napi_default, nullptr},
+    {"removePrefetch", nullptr, RemovePrefetch, nullptr, nullptr, nullptr, napi_default, nullptr},
 };
 
 napi_value Init(napi_env env, napi_value exports) {

@@ -4,6 +4,7 @@
 
 #include "hilog/log.h"
 #include "intercept/intercept_manager.h"
+#include "prefetch/prefetch_network.h"
 #include "scheme/web_info_manager.h"
 #include "tide_logger/log.h"
 #include "web_request/web_request.h"
@@ -138,6 +139,8 @@ void OnArkWebDestroyCallback(const char* webTag, void* /*userData*/) {
     WebInfoManager::retire(info->schemeHandler, holder);
     info->schemeHandler = nullptr;
   }
+  if (info && !info->prefetchId.empty())
+    PrefetchNetwork::removePrefetch(info->prefetchId);
   bool removed = WebInfoManager::removeWebInfo(tag);
   tide::Log::build(tide::kInfo, kWebTag)
       .event("nativeDestroy", tag)

@@ -7,6 +7,7 @@
 
 #include "intercept/intercept_manager.h"
 #include "network/net_service.h"
+#include "prefetch/prefetch_network.h"
 #include "tern/uri.h"
 #include "tide_logger/log.h"
 
@@ -120,7 +121,8 @@ void WebRequest::CoreStart() {
   isMainFrame_ = OH_ArkWebResourceRequest_IsMainFrame(request_);
   if (isMainFrame_) {
     if (checkPrefetchUrl()) {
-      // The prefetch replays into this object; nothing more to start.
+      // The prefetch has replayed into this object and goes on live.
+      logPrefetchHit();
       reportPrefetchStats(url_, 1);
       return;
     }
@@ -145,8 +147,35 @@ bool WebRequest::checkPrefetchUrl() {
     return false;
   if (weak_from_this().expired())
     return false;
-  // No prefetch registry in this build: every page asks the network itself.
-  return false;
+  return PrefetchNetwork::consumePrefetch(webInfo_->prefetchId, shared_from_this());
+}
+
+void WebRequest::logPrefetchHit() {
+  auto entry = tide::Log::build(tide::kInfo, kNetworkTag);
+  entry.event("request", tag_)
+      .parentId(webInfo_->webTag)
+      .key("url")
+      .value(textOf(url_))
+      .key("isHTML")
+      .value(isMainFrame_)
+      .key("prefetchHit")
+      .value(true)
+      .key("prefetchId")
+      .value(webInfo_->prefetchId)
+      .key("prefetchUrl")
+      .value(webInfo_->prefetchUrl);
+  if (std::shared_ptr<PrefetchRequest> prefetch =
+          PrefetchNetwork::getPrefetchRequest(webInfo_->prefetchId)) {
+    nlohmann::json header = nlohmann::json::object();
+    for (const auto& [name, value] : prefetch->getHeaders())
+      header[name] = value;
+    entry.key("method")
+        .value(prefetch->getMethod())
+        .timestamp(static_cast<int64_t>(prefetch->getRequestStartTime()))
+        .key("header")
+        .value(header);
+  }
+  entry.done();
 }
 
 void WebRequest::copyRequestHeaders() {

@@ -76,6 +76,7 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   void destroyBodyData();
   void destroyInternal() { destroyBodyData(); }
   void copyRequestHeaders();
+  void logPrefetchHit();
   void readNextBodyPart();
   void logBodyRead(const char* event, int bytesRead, bool eof) const;
 

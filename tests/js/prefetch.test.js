@@ -1,0 +1,140 @@
+'use strict';
+// prefetch() from script: ids, the callbacks and their arguments, and pages
+// taking a prefetch over.
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const { spawnSync } = require('node:child_process');
+
+const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-prefetch-'));
+process.env.VELORA_DATA_DIR = dataDir;
+process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');
+process.env.VELORA_HILOG = path.join(dataDir, 'hilog.txt');
+process.env.VELORA_CONFIG = path.join(dataDir, 'config.json');
+
+const { test, before, after } = require('node:test');
+const assert = require('node:assert/strict');
+const { BUILD, readJsonLines } = require('./helpers');
+const { startOrigin } = require('./origin');
+
+const host = require(path.join(BUILD, 'arkweb_host.node'));
+const velora = require(path.join(BUILD, 'velora.node'));
+
+let origin;
+before(async () => { origin = await startOrigin(); });
+after(() => {
+  origin.stop();
+  fs.rmSync(dataDir, { recursive: true, force: true });
+});
+
+const events = (name) => readJsonLines(process.env.VELORA_LOG).filter((e) => e.event === name);
+
+// Resolves once `predicate()` holds, polling the event loop.
+async function until(predicate, ms = 10000) {
+  const end = Date.now() + ms;
+  while (!predicate()) {
+    if (Date.now() > end) throw new Error('timed out');
+    await new Promise((resolve) => setTimeout(resolve, 5));
+  }
+}
+
+function recorder() {
+  const seen = [];
+  const callbacks = {
+    onResponse(status, headers) { seen.push({ kind: 'response', self: this, args: [status, headers] }); },
+    onNetResponse(...args) { seen.push({ kind: 'netResponse', args }); },
+    onData(...args) { seen.push({ kind: 'data', args }); },
+    onFinish(...args) { seen.push({ kind: 'finish', args }); },
+    onError(...args) { seen.push({ kind: 'error', args }); },
+  };
+  return { seen, callbacks };
+}
+
+test('callbacks get the documented arguments, in order, on the script thread', async () => {
+  const { seen, callbacks } = recorder();
+  const id = velora.prefetch({ url: origin.url('/headers'), method: 'GET',
+    headers: [{ key: 'X-Dup', value: 'first' }, { key: 'X-Dup', value: 'second' }] }, callbacks);
+  assert.equal(typeof id, 'string');
+  assert.match(id, /^[0-9]+$/);
+  await until(() => seen.some((e) => e.kind === 'finish'));
+  assert.deepEqual(seen.map((e) => e.kind).filter((k, i, a) => k !== 'data' || a[i - 1] !== 'data'),
+    ['response', 'data', 'finish']);
+  const [status, headers] = seen[0].args;
+  assert.equal(status, 200);
+  assert.equal(seen[0].self, callbacks);
+  assert.deepEqual(headers.find((h) => h.key === 'Set-Cookie').value,
+    ['a=1; Path=/', 'b=2; Path=/', 'c=3; Path=/']);
+  assert.deepEqual(headers.map((h) => h.key), [...headers.map((h) => h.key)].sort());
+  const chunks = seen.filter((e) => e.kind === 'data');
+  assert.ok(chunks.every((e) => e.args.length === 1 && e.args[0] instanceof ArrayBuffer));
+  const sent = JSON.parse(Buffer.concat(chunks.map((e) => Buffer.from(e.args[0]))).toString());
+  assert.equal(sent['x-dup'], 'second');  // the later element wins
+  assert.deepEqual(seen.find((e) => e.kind === 'finish').args, []);
+});
+
+test('an error reaches onError with a code and a message only', async () => {
+  const { seen, callbacks } = recorder();
+  velora.prefetch({ url: 'http://127.0.0.1:9/unreachable', method: 'GET', headers: [] }, callbacks);
+  await until(() => seen.some((e) => e.kind === 'error'));
+  const error = seen.find((e) => e.kind === 'error');
+  assert.equal(error.args.length, 2);
+  assert.equal(typeof error.args[0], 'number');
+  assert.equal(typeof error.args[1], 'string');
+  assert.ok(error.args[1].length > 0);
+});
+
+test('prefetches without callbacks or with malformed arguments still start', async () => {
+  const url = origin.url('/bytes/10');
+  const ids = [
+    velora.prefetch({ url, method: 'GET', headers: [] }),
+    velora.prefetch({ url, method: 'GET', headers: [] }, undefined),
+    velora.prefetch({ url, method: 'GET', headers: [] }, null),
+    velora.prefetch({ url, headers: 'not an array' }, {}),
+    velora.prefetch({ url, headers: [null, 5, { key: 7 }, { value: 'v' }] }, { onFinish: 'nope' }),
+    velora.prefetch(),
+  ];
+  assert.equal(new Set(ids).size, ids.length);
+  ids.slice(0, -1).forEach((id) => assert.match(id, /^[0-9]+$/));
+  velora.removePrefetch();
+  velora.removePrefetch(ids[0]);
+  assert.ok(events('removePrefetch').some((e) => e.id === 'null'));
+  assert.ok(fs.readFileSync(process.env.VELORA_HILOG, 'utf8').includes('removePrefetch param null'));
+  await until(() => events('removePrefetch').some((e) => e.fields && e.fields.id === ids[0] && e.fields.removed));
+});
+
+test('a page bound to the prefetch takes it over: one origin request, byte-exact body', async () => {
+  const url = origin.url('/bytes/2000000?chunk=65536&delay=2&page=1');
+  const { seen, callbacks } = recorder();
+  const id = velora.prefetch({ url, method: 'GET', headers: [] }, callbacks);
+  await until(() => seen.some((e) => e.kind === 'data'));
+  const web = host.createWebComponent('takeover');
+  velora.webviewNativeInit({ webTag: 'takeover', prefetchId: id, prefetchUrl: url });
+  velora.webviewNativeAttach({ webTag: 'takeover' });
+  const res = await web.load({ url, mainFrame: true });
+  assert.equal(res.intercepted, true);
+  assert.equal(res.body.length, 2000000);
+  for (let i = 0; i < res.body.length; i += 99991) assert.equal(res.body[i], (i * 31 + 7) & 255);
+  assert.equal(await origin.count('/bytes/2000000'), 1);
+  await until(() => seen.some((e) => e.kind === 'finish'));
+  const script = Buffer.concat(seen.filter((e) => e.kind === 'data').map((e) => Buffer.from(e.args[0])));
+  assert.ok(script.equals(res.body));
+  web.destroy();
+});
+
+test('the cookie lookup reads the platform module the host registered', () => {
+  const probe = path.join(BUILD, 'velora_probe.node');
+  const hostPath = path.join(BUILD, 'arkweb_host.node');
+  const script = `
+    const host = require(${JSON.stringify(hostPath)});
+    const calls = [];
+    host.registerPlatformModule('@ohos.web.webview', { WebCookieManager: {
+      fetchCookieSync(url) { calls.push([this === undefined, url]); return 'sid=1; theme=dark'; } } });
+    const probe = require(${JSON.stringify(probe)});
+    console.log(JSON.stringify({ cookie: probe.getCookie('https://h.test/page'), calls }));`;
+  const out = spawnSync(process.execPath, ['-e', script], { encoding: 'utf8',
+    env: { ...process.env, VELORA_LOG: '' } });
+  assert.equal(out.status, 0, out.stderr);
+  const { cookie, calls } = JSON.parse(out.stdout);
+  assert.equal(cookie, 'sid=1; theme=dark');
+  assert.deepEqual(calls, [[false, 'https://h.test/page']]);
+});

@@ -1,0 +1,153 @@
+#include "prefetch/prefetch_request_cache.h"
+
+#include "network/buffer.h"
+#include "tide_logger/log.h"
+
+namespace velora {
+namespace {
+constexpr char kLogTag[] = "Velora/prefetch_request_cache";
+}
+
+void PrefetchRequestCache::logEvent(const char* event) const {
+  tide::Log::build(tide::kInfo, kLogTag)
+      .event(event)
+      .key("url")
+      .value(request_->getUrl())
+      .key("id")
+      .value(request_->getRequestId())
+      .key("hasConsumed")
+      .value(hasConsumed_.load())
+      .done();
+}
+
+template <typename Params, typename Forward>
+void PrefetchRequestCache::recordOrForward(PrefetchCacheEventType type,
+                                           Params params,
+                                           Forward forward) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (hasConsumed_) {
+    if (consumer_)
+      forward(*consumer_);
+    return;
+  }
+  events_.push_back(std::make_shared<PrefetchCacheEvent>(type, params()));
+}
+
+void PrefetchRequestCache::onResponse(int statusCode, const HeaderMultimap& headers) {
+  logEvent("onResponse");
+  recordOrForward(
+      RESPONSE,
+      [&] {
+        return std::vector<std::any>{statusCode, headers};
+      },
+      [&](NetRequestCallBack& consumer) { consumer.onResponse(statusCode, headers); });
+}
+
+void PrefetchRequestCache::onData(const unsigned char* data, unsigned long length) {
+  logEvent("onData");
+  recordOrForward(
+      DATA,
+      [&] {
+        // A private copy: the caller's buffer is reused as soon as this returns.
+        std::shared_ptr<unsigned char> copy(Buffer::copyData(data, length),
+                                            std::default_delete<unsigned char[]>());
+        recordedBytes_ += length;
+        return std::vector<std::any>{copy, length};
+      },
+      [&](NetRequestCallBack& consumer) { consumer.onData(data, length); });
+}
+
+void PrefetchRequestCache::onFinish() {
+  logEvent("onFinish");
+  recordOrForward(
+      FINISH, [] { return std::vector<std::any>(); },
+      [](NetRequestCallBack& consumer) { consumer.onFinish(); });
+}
+
+void PrefetchRequestCache::onError(int code, ArkWeb_NetError error, const std::string& message) {
+  logEvent("onError");
+  recordOrForward(
+      ERROR,
+      [&] {
+        return std::vector<std::any>{code, error, message};
+      },
+      [&](NetRequestCallBack& consumer) { consumer.onError(code, error, message); });
+}
+
+unsigned long PrefetchRequestCache::recordedBytes() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return recordedBytes_;
+}
+
+bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback) {
+  logEvent("consumePrefetch");
+  std::lock_guard<std::mutex> lock(mutex_);
+  bool wasConsumed = hasConsumed_;
+  if (!wasConsumed) {
+    hasConsumed_ = true;
+    consumer_ = std::move(callback);
+    while (!events_.empty()) {
+      // A bad parameter throws out of here and leaves the event at the front.
+      replay(*events_.front());
+      events_.pop_front();
+    }
+    recordedBytes_ = 0;
+  }
+  return !wasConsumed;
+}
+
+void PrefetchRequestCache::replay(const PrefetchCacheEvent& event) {
+  std::vector<std::any> params = event.getEventParams();
+  auto entry = [this](const char* name) {
+    auto builder = tide::Log::build(tide::kInfo, kLogTag);
+    builder.event(name)
+        .key("url")
+        .value(request_->getUrl())
+        .key("id")
+        .value(request_->getRequestId());
+    return builder;
+  };
+  switch (event.getEventType()) {
+    case RESPONSE:
+    case SILENT_RESPONSE: {
+      int status = params.size() > 0 ? std::any_cast<int>(params[0]) : -1;
+      HeaderMultimap headers =
+          params.size() > 1 ? std::any_cast<HeaderMultimap>(params[1]) : HeaderMultimap();
+      if (event.getEventType() == RESPONSE) {
+        consumer_->onResponse(status, headers);
+        entry("consumeResponse").done();
+      }
+      break;
+    }
+    case DATA: {
+      if (params.size() < 2)
+        break;
+      auto bytes = std::any_cast<std::shared_ptr<unsigned char>>(params[0]);
+      auto length = std::any_cast<unsigned long>(params[1]);
+      entry("consumeData").key("length").value(length).done();
+      consumer_->onData(bytes.get(), length);
+      break;
+    }
+    case ERROR: {
+      int code = params.size() > 0 ? std::any_cast<int>(params[0]) : -1;
+      auto error = std::any_cast<ArkWeb_NetError>(params.at(1));
+      auto message = std::any_cast<std::string>(params.at(2));
+      entry("consumeError")
+          .key("code")
+          .value(code)
+          .key("errorCode")
+          .value(std::to_string(error))
+          .key("errorMsg")
+          .value(message)
+          .done();
+      consumer_->onError(code, error, message);
+      break;
+    }
+    case FINISH:
+      entry("consumeFinish").done();
+      consumer_->onFinish();
+      break;
+  }
+}
+
+}  // namespace velora
