@@ -16,6 +16,7 @@ node_env=()
 case "$preset" in
   asan) node_env=(LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)"
                   ASAN_OPTIONS="detect_leaks=0:abort_on_error=1" UBSAN_OPTIONS="halt_on_error=1") ;;
-  tsan) node_env=(LD_PRELOAD="$(g++ -print-file-name=libtsan.so)" TSAN_OPTIONS="halt_on_error=1") ;;
+  tsan) node_env=(LD_PRELOAD="$(g++ -print-file-name=libtsan.so)"
+                  TSAN_OPTIONS="halt_on_error=1:suppressions=$PWD/tests/js/tsan-node.supp") ;;
 esac
 env "${node_env[@]}" VELORA_BUILD_DIR="$build_dir" node --test tests/js/

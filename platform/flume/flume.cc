@@ -18,6 +18,11 @@ namespace {
 constexpr char kTag[] = "flume";
 constexpr long kBufferSize = 256 * 1024;
 
+// libcurl (and the TLS library under it) is set up once, when this library
+// loads, on the loading thread: set up from a worker thread, its per-thread
+// state would go with that thread.
+const bool g_curlReady = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+
 bool sameName(const std::string& a, const std::string& b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
@@ -130,7 +135,9 @@ size_t FLDataStream::read(char* out, size_t max, bool* ended, std::function<void
 class SessionCore {
  public:
   SessionCore() {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (!g_curlReady) {
+      OH_LOG_Print(LOG_APP, LOG_FATAL, 0, kTag, "libcurl could not be initialised");
+    }
     multi_ = curl_multi_init();
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
     thread_ = std::thread([this] { loop(); });

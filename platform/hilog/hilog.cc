@@ -61,10 +61,10 @@ char levelLetter(LogLevel level) {
   return '?';
 }
 
-// Formats one conversion (spec = "%...X" without privacy flag) taking its
+// Formats one conversion (conversion = "%...X" without privacy flag) taking its
 // argument(s) from ap.
 void formatOne(std::string& out,
-               const std::string& spec,
+               const std::string& conversion,
                char conv,
                const std::string& length,
                bool hidden,
@@ -73,17 +73,17 @@ void formatOne(std::string& out,
   int n = 0;
   // Star width/precision arguments come first.
   int stars = 0;
-  for (char c : spec)
+  for (char c : conversion)
     stars += (c == '*');
   int starValues[2] = {0, 0};
   for (int i = 0; i < stars && i < 2; ++i)
     starValues[i] = va_arg(ap, int);
   auto fmt = [&](auto value) {
     if (stars == 0)
-      return std::snprintf(buf, sizeof buf, spec.c_str(), value);
+      return std::snprintf(buf, sizeof buf, conversion.c_str(), value);
     if (stars == 1)
-      return std::snprintf(buf, sizeof buf, spec.c_str(), starValues[0], value);
-    return std::snprintf(buf, sizeof buf, spec.c_str(), starValues[0], starValues[1], value);
+      return std::snprintf(buf, sizeof buf, conversion.c_str(), starValues[0], value);
+    return std::snprintf(buf, sizeof buf, conversion.c_str(), starValues[0], starValues[1], value);
   };
   switch (conv) {
     case 'd':
@@ -117,7 +117,7 @@ void formatOne(std::string& out,
       if (hidden)
         break;
       // Strings may be longer than buf: format directly.
-      if (stars == 0 && spec == "%s") {
+      if (stars == 0 && conversion == "%s") {
         out += s ? s : "(null)";
         return;
       }
@@ -169,15 +169,15 @@ std::string formatMessage(const char* fmt, va_list& ap) {
       hidden = (flag != "public");
       p = close + 1;
     }
-    std::string spec = "%";
+    std::string conversion = "%";
     while (*p && std::strchr("-+ #0", *p))
-      spec += *p++;
+      conversion += *p++;
     while (*p && (std::isdigit(static_cast<unsigned char>(*p)) || *p == '*'))
-      spec += *p++;
+      conversion += *p++;
     if (*p == '.') {
-      spec += *p++;
+      conversion += *p++;
       while (*p && (std::isdigit(static_cast<unsigned char>(*p)) || *p == '*'))
-        spec += *p++;
+        conversion += *p++;
     }
     std::string length;
     while (*p && std::strchr("hljztL", *p))
@@ -185,9 +185,9 @@ std::string formatMessage(const char* fmt, va_list& ap) {
     if (!*p)
       break;
     char conv = *p++;
-    spec += length;
-    spec += conv;
-    formatOne(out, spec, conv, length, hidden, ap);
+    conversion += length;
+    conversion += conv;
+    formatOne(out, conversion, conv, length, hidden, ap);
   }
   return out;
 }

@@ -73,4 +73,29 @@ class Sandbox {
   }
 }
 
-module.exports = { Sandbox, BUILD, ROOT, readJsonLines };
+// For suites that load both addons into the test process itself: a fresh
+// data folder and log (set before the addons read them), the local origin,
+// and the structured log's entries by event name.
+function inProcessSuite(prefix) {
+  const { before, after } = require('node:test');
+  const { startOrigin } = require('./origin');
+  const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), prefix));
+  process.env.VELORA_DATA_DIR = dataDir;
+  process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');
+  process.env.VELORA_HILOG = path.join(dataDir, 'hilog.txt');
+  process.env.VELORA_CONFIG = path.join(dataDir, 'config.json');
+  const suite = {
+    host: require(path.join(BUILD, 'arkweb_host.node')),
+    velora: require(path.join(BUILD, 'velora.node')),
+    origin: null,
+    events: (name) => readJsonLines(process.env.VELORA_LOG).filter((e) => e.event === name),
+  };
+  before(async () => { suite.origin = await startOrigin(); });
+  after(() => {
+    suite.origin.stop();
+    fs.rmSync(dataDir, { recursive: true, force: true });
+  });
+  return suite;
+}
+
+module.exports = { Sandbox, BUILD, ROOT, readJsonLines, inProcessSuite };

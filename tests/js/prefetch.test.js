@@ -1,33 +1,15 @@
 'use strict';
 // prefetch() from script: ids, the callbacks and their arguments, and pages
 // taking a prefetch over.
-const fs = require('node:fs');
-const os = require('node:os');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
-
-const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-prefetch-'));
-process.env.VELORA_DATA_DIR = dataDir;
-process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');
-process.env.VELORA_HILOG = path.join(dataDir, 'hilog.txt');
-process.env.VELORA_CONFIG = path.join(dataDir, 'config.json');
-
-const { test, before, after } = require('node:test');
+const fs = require('node:fs');
+const { test } = require('node:test');
 const assert = require('node:assert/strict');
-const { BUILD, readJsonLines } = require('./helpers');
-const { startOrigin } = require('./origin');
+const { BUILD, inProcessSuite } = require('./helpers');
 
-const host = require(path.join(BUILD, 'arkweb_host.node'));
-const velora = require(path.join(BUILD, 'velora.node'));
-
-let origin;
-before(async () => { origin = await startOrigin(); });
-after(() => {
-  origin.stop();
-  fs.rmSync(dataDir, { recursive: true, force: true });
-});
-
-const events = (name) => readJsonLines(process.env.VELORA_LOG).filter((e) => e.event === name);
+const suite = inProcessSuite('velora-prefetch-');
+const { host, velora, events } = suite;
 
 // Resolves once `predicate()` holds, polling the event loop.
 async function until(predicate, ms = 10000) {
@@ -52,7 +34,7 @@ function recorder() {
 
 test('callbacks get the documented arguments, in order, on the script thread', async () => {
   const { seen, callbacks } = recorder();
-  const id = velora.prefetch({ url: origin.url('/headers'), method: 'GET',
+  const id = velora.prefetch({ url: suite.origin.url('/headers'), method: 'GET',
     headers: [{ key: 'X-Dup', value: 'first' }, { key: 'X-Dup', value: 'second' }] }, callbacks);
   assert.equal(typeof id, 'string');
   assert.match(id, /^[0-9]+$/);
@@ -84,7 +66,7 @@ test('an error reaches onError with a code and a message only', async () => {
 });
 
 test('prefetches without callbacks or with malformed arguments still start', async () => {
-  const url = origin.url('/bytes/10');
+  const url = suite.origin.url('/bytes/10');
   const ids = [
     velora.prefetch({ url, method: 'GET', headers: [] }),
     velora.prefetch({ url, method: 'GET', headers: [] }, undefined),
@@ -103,7 +85,7 @@ test('prefetches without callbacks or with malformed arguments still start', asy
 });
 
 test('a page bound to the prefetch takes it over: one origin request, byte-exact body', async () => {
-  const url = origin.url('/bytes/2000000?chunk=65536&delay=2&page=1');
+  const url = suite.origin.url('/bytes/2000000?chunk=65536&delay=2&page=1');
   const { seen, callbacks } = recorder();
   const id = velora.prefetch({ url, method: 'GET', headers: [] }, callbacks);
   await until(() => seen.some((e) => e.kind === 'data'));
@@ -114,7 +96,7 @@ test('a page bound to the prefetch takes it over: one origin request, byte-exact
   assert.equal(res.intercepted, true);
   assert.equal(res.body.length, 2000000);
   for (let i = 0; i < res.body.length; i += 99991) assert.equal(res.body[i], (i * 31 + 7) & 255);
-  assert.equal(await origin.count('/bytes/2000000'), 1);
+  assert.equal(await suite.origin.count('/bytes/2000000'), 1);
   await until(() => seen.some((e) => e.kind === 'finish'));
   const script = Buffer.concat(seen.filter((e) => e.kind === 'data').map((e) => Buffer.from(e.args[0])));
   assert.ok(script.equals(res.body));

@@ -1,31 +1,12 @@
 'use strict';
 // Pages loading through the module from script: the host engine's driver
 // (arkweb_host.node) and the module (velora.node) in one process.
-const fs = require('node:fs');
-const os = require('node:os');
-const path = require('node:path');
-
-const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-path-'));
-process.env.VELORA_DATA_DIR = dataDir;
-process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');
-process.env.VELORA_CONFIG = path.join(dataDir, 'config.json');
-
-const { test, before, after } = require('node:test');
+const { test } = require('node:test');
 const assert = require('node:assert/strict');
-const { BUILD, readJsonLines } = require('./helpers');
-const { startOrigin } = require('./origin');
+const { inProcessSuite } = require('./helpers');
 
-const host = require(path.join(BUILD, 'arkweb_host.node'));
-const velora = require(path.join(BUILD, 'velora.node'));
-
-let origin;
-before(async () => { origin = await startOrigin(); });
-after(() => {
-  origin.stop();
-  fs.rmSync(dataDir, { recursive: true, force: true });
-});
-
-const events = (name) => readJsonLines(process.env.VELORA_LOG).filter((e) => e.event === name);
+const suite = inProcessSuite('velora-path-');
+const { host, velora, events } = suite;
 
 function bind(tag, extra = {}) {
   const web = host.createWebComponent(tag);
@@ -42,8 +23,8 @@ test('a bound page loads the site through Velora with the same bytes as the netw
   const direct = host.createWebComponent('direct');
   for (const asset of SITE) {
     const mainFrame = asset.endsWith('.html');
-    const through = await page.load({ url: origin.url(asset), mainFrame });
-    const plain = await direct.load({ url: origin.url(asset), mainFrame });
+    const through = await page.load({ url: suite.origin.url(asset), mainFrame });
+    const plain = await direct.load({ url: suite.origin.url(asset), mainFrame });
     assert.equal(through.intercepted, true, asset);
     assert.equal(plain.intercepted, false, asset);
     assert.equal(through.status, 200);
@@ -61,7 +42,7 @@ test('body pieces reach onData in order as they arrive', async () => {
   const pieces = [];
   let last = 0;
   const res = await page.load({
-    url: origin.url('/bytes/200000?chunk=20000&delay=5'),
+    url: suite.origin.url('/bytes/200000?chunk=20000&delay=5'),
     onData(chunk, atMs) {
       assert.ok(atMs >= last);
       last = atMs;
@@ -79,7 +60,7 @@ test('uploads from script arrive byte-exact, sized and chunked', async () => {
   const body = Buffer.alloc(100000);
   for (let i = 0; i < body.length; i++) body[i] = (i * 7) & 255;
   for (const chunked of [false, true]) {
-    const res = await page.load({ url: origin.url('/echo?raw=1'), method: 'POST', body, chunked });
+    const res = await page.load({ url: suite.origin.url('/echo?raw=1'), method: 'POST', body, chunked });
     assert.equal(res.intercepted, true);
     assert.ok(res.body.equals(body), `chunked=${chunked}`);
   }
@@ -88,12 +69,12 @@ test('uploads from script arrive byte-exact, sized and chunked', async () => {
 
 test('a page navigating away mid-body ends the load, and the switch declines silently', async () => {
   const page = bind('cancel');
-  const cancelled = await page.load({ url: origin.url('/stall?after=100'), cancelAfterMs: 100 });
+  const cancelled = await page.load({ url: suite.origin.url('/stall?after=100'), cancelAfterMs: 100 });
   assert.equal(cancelled.error, -3);
   assert.equal(cancelled.intercepted, true);
 
   velora.setNetworkIntercept(false);
-  const declined = await page.load({ url: origin.url('/bytes/10') });
+  const declined = await page.load({ url: suite.origin.url('/bytes/10') });
   velora.setNetworkIntercept(true);
   assert.equal(declined.intercepted, false);
   assert.equal(declined.body.length, 10);
@@ -103,7 +84,7 @@ test('a page navigating away mid-body ends the load, and the switch declines sil
 test('attach without init installs nothing; a second attach replaces the handler', async () => {
   const lone = host.createWebComponent('lone');
   velora.webviewNativeAttach({ webTag: 'lone' });
-  assert.equal((await lone.load({ url: origin.url('/bytes/1') })).intercepted, false);
+  assert.equal((await lone.load({ url: suite.origin.url('/bytes/1') })).intercepted, false);
   assert.ok(events('nativeAttach').some((e) => e.id === 'lone'));
   assert.ok(!events('setSchemeHandler').some((e) => e.id === 'lone'));
   lone.destroy();
@@ -111,15 +92,15 @@ test('attach without init installs nothing; a second attach replaces the handler
   const twice = bind('twice');
   velora.webviewNativeAttach({ webTag: 'twice' });
   assert.equal(events('setSchemeHandler').filter((e) => e.id === 'twice').length, 2);
-  assert.equal((await twice.load({ url: origin.url('/bytes/1') })).intercepted, true);
+  assert.equal((await twice.load({ url: suite.origin.url('/bytes/1') })).intercepted, true);
   twice.destroy();
 });
 
 test('only main frames are intercepted when asked, and the reason is logged', async () => {
   const page = bind('mainonly');
   velora.setNetworkInterceptOnlyMain(true);
-  const sub = await page.load({ url: origin.url('/site/assets/style.css'), mainFrame: false });
-  const main = await page.load({ url: origin.url('/site/index.html'), mainFrame: true });
+  const sub = await page.load({ url: suite.origin.url('/site/assets/style.css'), mainFrame: false });
+  const main = await page.load({ url: suite.origin.url('/site/index.html'), mainFrame: true });
   velora.setNetworkInterceptOnlyMain(false);
   assert.equal(sub.intercepted, false);
   assert.equal(main.intercepted, true);

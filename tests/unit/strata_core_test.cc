@@ -77,9 +77,11 @@ class StrataCoreTest : public ::testing::Test {
 
 }  // namespace
 
+std::atomic<int> g_answeredAtShutdown{0};  // trivially destroyed: usable at exit
+
 VELORA_CHILD(StrataShutdownAnswersPending) {
   Access::pause();
-  std::atomic<int>* answered = new std::atomic<int>(0);  // read by completions at exit
+  std::atomic<int>* answered = &g_answeredAtShutdown;
   for (int i = 0; i < 10; ++i) {
     Access::getResource(StrataCore::ResourceRequest("https://a.test/x", {}),
                         [answered](std::unique_ptr<StrataCore::ResourceResponse> response) {

@@ -53,28 +53,27 @@ napi_value SetSafeAreaHeight(napi_env env, napi_callback_info info) {
   return nullptr;
 }
 
-napi_value SetFccEnable(napi_env env, napi_callback_info info) {
-  napi_value enable = NapiHelper::getArgument(env, info, 0);
-  if (!enable)
-    return nullptr;
-  tern::Singleton<FirstChunkManager>::getInstance().setEnable(NapiHelper::getBool(env, enable));
+// A switch setter: argument 0 read as bool; without it nothing changes.
+template <typename Apply>
+napi_value setSwitch(napi_env env, napi_callback_info info, Apply apply) {
+  napi_value value = NapiHelper::getArgument(env, info, 0);
+  if (value)
+    apply(NapiHelper::getBool(env, value));
   return nullptr;
+}
+
+napi_value SetFccEnable(napi_env env, napi_callback_info info) {
+  return setSwitch(
+      env, info, [](bool on) { tern::Singleton<FirstChunkManager>::getInstance().setEnable(on); });
 }
 
 napi_value SetNetworkIntercept(napi_env env, napi_callback_info info) {
-  napi_value enable = NapiHelper::getArgument(env, info, 0);
-  if (!enable)
-    return nullptr;
-  InterceptManager::getInstance().setInterceptEnable(NapiHelper::getBool(env, enable));
-  return nullptr;
+  return setSwitch(env, info,
+                   [](bool on) { InterceptManager::getInstance().setInterceptEnable(on); });
 }
 
 napi_value SetNetworkInterceptOnlyMain(napi_env env, napi_callback_info info) {
-  napi_value only = NapiHelper::getArgument(env, info, 0);
-  if (!only)
-    return nullptr;
-  InterceptManager::getInstance().setOnlyMainHtml(NapiHelper::getBool(env, only));
-  return nullptr;
+  return setSwitch(env, info, [](bool on) { InterceptManager::getInstance().setOnlyMainHtml(on); });
 }
 
 napi_value SetUserAgent(napi_env env, napi_callback_info info) {
