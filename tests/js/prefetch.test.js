@@ -1,12 +1,10 @@
 'use strict';
 // prefetch() from script: ids, the callbacks and their arguments, and pages
 // taking a prefetch over.
-const path = require('node:path');
-const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const { test } = require('node:test');
 const assert = require('node:assert/strict');
-const { BUILD, inProcessSuite } = require('./helpers');
+const { inProcessSuite } = require('./helpers');
 
 const suite = inProcessSuite('velora-prefetch-');
 const { host, velora, events } = suite;
@@ -101,22 +99,4 @@ test('a page bound to the prefetch takes it over: one origin request, byte-exact
   const script = Buffer.concat(seen.filter((e) => e.kind === 'data').map((e) => Buffer.from(e.args[0])));
   assert.ok(script.equals(res.body));
   web.destroy();
-});
-
-test('the cookie lookup reads the platform module the host registered', () => {
-  const probe = path.join(BUILD, 'velora_probe.node');
-  const hostPath = path.join(BUILD, 'arkweb_host.node');
-  const script = `
-    const host = require(${JSON.stringify(hostPath)});
-    const calls = [];
-    host.registerPlatformModule('@ohos.web.webview', { WebCookieManager: {
-      fetchCookieSync(url) { calls.push([this === undefined, url]); return 'sid=1; theme=dark'; } } });
-    const probe = require(${JSON.stringify(probe)});
-    console.log(JSON.stringify({ cookie: probe.getCookie('https://h.test/page'), calls }));`;
-  const out = spawnSync(process.execPath, ['-e', script], { encoding: 'utf8',
-    env: { ...process.env, VELORA_LOG: '' } });
-  assert.equal(out.status, 0, out.stderr);
-  const { cookie, calls } = JSON.parse(out.stdout);
-  assert.equal(cookie, 'sid=1; theme=dark');
-  assert.deepEqual(calls, [[false, 'https://h.test/page']]);
 });
