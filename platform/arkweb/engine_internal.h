@@ -74,6 +74,9 @@ struct ArkWeb_HttpBodyStream_ {
 
 namespace arkweb_host {
 
+// The hilog tag of the host engine's lines.
+inline constexpr char kEngineLogTag[] = "ArkWeb/host";
+
 class Load;
 
 // The engine's threads: "io" runs the scheme handler's callbacks, "worker"

@@ -12,8 +12,6 @@
 namespace arkweb_host {
 namespace {
 
-constexpr char kTag[] = "ArkWeb/host";
-
 struct StringRegistry {
   std::mutex mutex;
   std::unordered_map<char*, uint64_t> owners;
@@ -54,10 +52,10 @@ using arkweb_host::copyString;
 
 namespace {
 
-constexpr char kTag[] = "ArkWeb/host";
+using arkweb_host::kEngineLogTag;
 
 int32_t invalid(const char* function) {
-  OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "%{public}s: invalid argument", function);
+  OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "%{public}s: invalid argument", function);
   return ARKWEB_INVALID_PARAM;
 }
 
@@ -77,7 +75,7 @@ void OH_ArkWeb_ReleaseString(char* string) {
   std::lock_guard<std::mutex> lock(registry.mutex);
   auto it = registry.owners.find(string);
   if (it == registry.owners.end()) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
                  "OH_ArkWeb_ReleaseString: not a string of the engine (released twice?)");
     return;
   }
@@ -313,7 +311,7 @@ void OH_ArkWebHttpBodyStream_Read(const ArkWeb_HttpBodyStream* stream,
     if (state->destroyed)
       return;
     if (!state->initialized) {
-      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "OH_ArkWebHttpBodyStream_Read before Init");
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "OH_ArkWebHttpBodyStream_Read before Init");
     }
     const std::string& bytes = state->source->bytes;
     size_t n = std::min<size_t>(static_cast<size_t>(bufLen), bytes.size() - state->position);

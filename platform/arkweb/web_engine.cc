@@ -17,7 +17,6 @@
 namespace arkweb_host {
 namespace {
 
-constexpr char kTag[] = "ArkWeb/host";
 constexpr int kMaxRedirects = 20;
 
 struct Notice {
@@ -477,7 +476,7 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kStarted) {
       OH_LOG_Print(
-          LOG_APP, LOG_WARN, 0, kTag, "DidReceiveResponse ignored: %{public}s (%{public}s)",
+          LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidReceiveResponse ignored: %{public}s (%{public}s)",
           state_ == State::kEnded ? "the request has ended" : "a response was already sent",
           result_.url.c_str());
       return ARKWEB_INVALID_PARAM;
@@ -500,7 +499,7 @@ int32_t Load::didReceiveData(const uint8_t* buffer, int64_t length) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kResponded) {
-      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "DidReceiveData ignored: %{public}s (%{public}s)",
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidReceiveData ignored: %{public}s (%{public}s)",
                    state_ == State::kEnded ? "the request has ended" : "no response was sent",
                    result_.url.c_str());
       return ARKWEB_INVALID_PARAM;
@@ -517,12 +516,12 @@ int32_t Load::didFinish() {
     state = state_;
   }
   if (state == State::kEnded) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
                  "DidFinish ignored: the request has ended (%{public}s)", result_.url.c_str());
     return ARKWEB_INVALID_PARAM;
   }
   if (state == State::kStarted) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "DidFinish before any response: failing the load");
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidFinish before any response: failing the load");
     complete(ARKWEB_ERR_EMPTY_RESPONSE);
     return ARKWEB_SUCCESS;
   }
@@ -542,12 +541,12 @@ int32_t Load::didFailWithError(ArkWeb_NetError error, bool completeIfNoResponse)
     state = state_;
   }
   if (state == State::kEnded) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "DidFailWithError ignored: the request has ended");
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidFailWithError ignored: the request has ended");
     return ARKWEB_INVALID_PARAM;
   }
   if (state == State::kStarted && !completeIfNoResponse) {
     // A device would leave the page waiting; the host ends the load instead.
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
                  "DidFailWithError before any response: a device would never complete this load");
   }
   complete(state == State::kStarted && completeIfNoResponse ? ARKWEB_ERR_CONNECTION_FAILED : error);
@@ -610,7 +609,7 @@ bool OH_ArkWeb_SetSchemeHandler(const char* scheme,
   std::lock_guard<std::mutex> lock(registry().mutex);
   auto alive = registry().components.find(webTag);
   if (alive == registry().components.end() || !alive->second) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, "ArkWeb/host",
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, arkweb_host::kEngineLogTag,
                  "OH_ArkWeb_SetSchemeHandler: no web component %{public}s", webTag);
     return false;
   }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "intercept/intercept_tessera_listener.h"
+#include "log_tags.h"
 #include "tern/cache_service.h"
 #include "tern/executor_service.h"
 #include "tern/string_utils.h"
@@ -14,7 +15,7 @@
 namespace velora {
 namespace {
 
-constexpr char kLogTag[] = "Velora/intercept_manager";
+constexpr const char* kLogTag = log_tags::kInterceptManager;
 constexpr char kNamespace[] = "velora_kpnet_intercept_config";
 constexpr char kKeyEnable[] = "enable";
 constexpr char kKeyOnlyMainHtml[] = "onlyMainHtml";

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "hilog/log.h"
+#include "log_tags.h"
 
 namespace velora {
 
@@ -107,7 +108,7 @@ std::map<std::string, std::string> NapiHelper::getStringMapFromObj(napi_env env,
     napi_value propertyValue = nullptr;
     napi_get_property(env, obj, keyValue, &propertyValue);
     std::string value = getString(env, propertyValue);
-    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, "Velora/napi_helper",
+    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, log_tags::kNapiHelper,
                  "getNapiStringMapFromObj, key:%{public}s, value:%{public}s", key.c_str(),
                  value.c_str());
     map[key] = value;

@@ -4,6 +4,7 @@
 #include "first_chunk/ssr_client_info.h"
 #include "hilog/log.h"
 #include "intercept/intercept_manager.h"
+#include "log_tags.h"
 #include "napi/init_helper.h"
 #include "napi/napi_helper.h"
 #include "napi/native_api.h"
@@ -17,7 +18,7 @@
 namespace velora {
 namespace {
 
-constexpr char kWebTag[] = "Velora/web";
+constexpr const char* kWebTag = log_tags::kWeb;
 
 napi_value SdkInit(napi_env env, napi_callback_info info) {
   InitHelper::parseSDKInitParams(env, info);

@@ -1,13 +1,14 @@
 #include "network/flume_request.h"
 
 #include "hilog/log.h"
+#include "log_tags.h"
 #include "network/flume_request_listener.h"
 
 namespace velora {
 
 FlumeRequest::~FlumeRequest() {
-  OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, "Velora/flume_request", "%{public}s:~FlumeRequest destructor",
-               logId().c_str());
+  OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, log_tags::kFlumeRequest,
+               "%{public}s:~FlumeRequest destructor", logId().c_str());
 }
 
 void FlumeRequest::setUrl(const std::string& url) {

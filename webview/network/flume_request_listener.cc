@@ -1,10 +1,11 @@
 #include "network/flume_request_listener.h"
 
 #include "hilog/log.h"
+#include "log_tags.h"
 
 namespace velora {
 namespace {
-constexpr char kLogTag[] = "Velora/flume_request_listener";
+constexpr const char* kLogTag = log_tags::kFlumeRequestListener;
 }
 
 FlumeRequestListener::~FlumeRequestListener() {

@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "log_tags.h"
 #include "network/net_service.h"
 #include "prefetch/prefetch_request_cache.h"
 #include "prefetch/prefetch_request_listener.h"
@@ -13,7 +14,7 @@
 namespace velora {
 namespace {
 
-constexpr char kLogTag[] = "Velora/prefetch_network";
+constexpr const char* kLogTag = log_tags::kPrefetchNetwork;
 
 template <typename T>
 using Pool = tern::inner::safe_ptr<std::map<std::string, std::shared_ptr<T>>>;

@@ -1,11 +1,12 @@
 #include "prefetch/prefetch_request_cache.h"
 
+#include "log_tags.h"
 #include "network/buffer.h"
 #include "tide_logger/log.h"
 
 namespace velora {
 namespace {
-constexpr char kLogTag[] = "Velora/prefetch_request_cache";
+constexpr const char* kLogTag = log_tags::kPrefetchRequestCache;
 }
 
 void PrefetchRequestCache::logEvent(const char* event) const {

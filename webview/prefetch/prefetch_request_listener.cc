@@ -1,12 +1,13 @@
 #include "prefetch/prefetch_request_listener.h"
 
 #include "hilog/log.h"
+#include "log_tags.h"
 #include "prefetch/prefetch_network.h"
 #include "tide_logger/log.h"
 
 namespace velora {
 namespace {
-constexpr char kLogTag[] = "Velora/prefetch_request_listener";
+constexpr const char* kLogTag = log_tags::kPrefetchRequestListener;
 }
 
 PrefetchRequestListener::~PrefetchRequestListener() {

@@ -1,6 +1,7 @@
 #include "scheme/page_binding.h"
 
 #include "hilog/log.h"
+#include "log_tags.h"
 #include "scheme/scheme_handler.h"
 #include "scheme/web_info_manager.h"
 #include "tide_logger/log.h"
@@ -9,8 +10,8 @@
 namespace velora {
 namespace {
 
-constexpr char kWebTag[] = "Velora/web";
-constexpr char kPageTag[] = "Velora/Page";
+constexpr const char* kWebTag = log_tags::kWeb;
+constexpr const char* kPageTag = log_tags::kPage;
 // The component API record must reach past onDestroy (LP64 layout).
 constexpr size_t kComponentApiWithDestroy = 40;
 

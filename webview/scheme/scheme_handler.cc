@@ -4,6 +4,7 @@
 
 #include "hilog/log.h"
 #include "intercept/intercept_manager.h"
+#include "log_tags.h"
 #include "prefetch/prefetch_network.h"
 #include "scheme/web_info_manager.h"
 #include "tide_logger/log.h"
@@ -16,7 +17,7 @@ const char kSecurityUrlEndpoint[] =
 
 namespace {
 
-constexpr char kWebTag[] = "Velora/web";
+constexpr const char* kWebTag = log_tags::kWeb;
 constexpr size_t kSecurityUrlLength = sizeof(kSecurityUrlEndpoint) - 1;
 static_assert(kSecurityUrlLength == 71, "the endpoint is compared on its 71 characters");
 

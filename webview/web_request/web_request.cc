@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "intercept/intercept_manager.h"
+#include "log_tags.h"
 #include "network/net_service.h"
 #include "prefetch/prefetch_network.h"
 #include "tern/uri.h"
@@ -14,8 +15,8 @@
 namespace velora {
 namespace {
 
-constexpr char kRequestTag[] = "Velora/web_request";
-constexpr char kNetworkTag[] = "Velora/Network";
+constexpr const char* kRequestTag = log_tags::kWebRequest;
+constexpr const char* kNetworkTag = log_tags::kNetwork;
 // Uploads are pumped in pieces of at most this buffer size minus one.
 constexpr int kBodyBufferSize = 4096;
 

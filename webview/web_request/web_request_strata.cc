@@ -1,4 +1,5 @@
 // Answering GET requests from the offline resource packages.
+#include "log_tags.h"
 #include "strata/strata_core.h"
 #include "tide_logger/log.h"
 #include "web_request/web_request.h"
@@ -6,7 +7,7 @@
 namespace velora {
 namespace {
 
-constexpr char kRequestTag[] = "Velora/web_request";
+constexpr const char* kRequestTag = log_tags::kWebRequest;
 constexpr char kAllowOrigin[] = "Access-Control-Allow-Origin";
 
 void logStrata(const char* event, const std::string& tag, const std::string& url) {
