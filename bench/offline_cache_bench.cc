@@ -13,9 +13,9 @@
 
 #include "arkweb_host/web_component.h"
 #include "bench_support.h"
+#include "bound_page.h"
 #include "hilog/log.h"
 #include "origin_server.h"
-#include "scheme/page_binding.h"
 #include "strata/strata_core.h"
 
 namespace fs = std::filesystem;
@@ -30,7 +30,7 @@ struct Fixture {
   std::string packagedUrl = origin.url("/packaged/resource.bin");
   std::string networkUrl = origin.url("/bytes/" + std::to_string(kResourceSize));
   std::string file;
-  std::shared_ptr<arkweb_host::WebComponent> web;
+  std::unique_ptr<velora_test::BoundPage> page;
 
   Fixture() {
     fs::create_directories(dir + "/source");
@@ -47,11 +47,7 @@ struct Fixture {
     std::string error;
     if (!StrataCore::PackageManager::install(dir + "/source", &error))
       std::abort();
-    web = arkweb_host::WebComponent::create("bench");
-    auto info = std::make_shared<velora::WebInfo>();
-    info->webTag = "bench";
-    velora::PageBinding::init(info);
-    velora::PageBinding::attach("bench");
+    page = std::make_unique<velora_test::BoundPage>("bench");
   }
 };
 
@@ -63,7 +59,7 @@ Fixture& fixture() {
 void loadLatency(benchmark::State& state, const std::string& url) {
   double totalMs = 0;
   for (auto _ : state) {
-    arkweb_host::LoadResult result = fixture().web->loadAndWait(url);
+    arkweb_host::LoadResult result = fixture().page->load(url);
     if (result.bodySize != kResourceSize)
       state.SkipWithError("bad load");
     totalMs += result.timing.finish - result.timing.start;

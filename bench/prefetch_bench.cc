@@ -8,10 +8,10 @@
 
 #include "arkweb_host/web_component.h"
 #include "bench_support.h"
+#include "bound_page.h"
 #include "hilog/log.h"
 #include "origin_server.h"
 #include "prefetch/prefetch_network.h"
-#include "scheme/page_binding.h"
 
 namespace {
 
@@ -30,18 +30,10 @@ std::string pageUrl(int n) {
 // Loads the page in a fresh component bound to `prefetchId`; the time from
 // start to finish.
 double loadMs(const std::string& url, const std::string& prefetchId, int n) {
-  std::string tag = "bench" + std::to_string(n);
-  auto web = arkweb_host::WebComponent::create(tag);
-  auto info = std::make_shared<velora::WebInfo>();
-  info->webTag = tag;
-  info->prefetchId = prefetchId;
-  info->prefetchUrl = url;
-  velora::PageBinding::init(info);
-  velora::PageBinding::attach(tag);
+  velora_test::BoundPage page("bench" + std::to_string(n), prefetchId, url);
   arkweb_host::LoadOptions options(url);
   options.keepBody = false;
-  arkweb_host::LoadResult result = web->loadAndWait(options);
-  web->destroy();
+  arkweb_host::LoadResult result = page.load(options);
   if (result.bodySize != kPageSize)
     std::abort();
   return result.timing.finish - result.timing.start;

@@ -12,9 +12,9 @@
 
 #include "arkweb_host/web_component.h"
 #include "bench_support.h"
+#include "bound_page.h"
 #include "hilog/log.h"
 #include "origin_server.h"
-#include "scheme/page_binding.h"
 
 namespace {
 
@@ -28,15 +28,8 @@ velora_test::OriginServer& origin() {
 }
 
 arkweb_host::WebComponent& boundPage() {
-  static std::shared_ptr<arkweb_host::WebComponent> web = [] {
-    auto component = arkweb_host::WebComponent::create("bench");
-    auto info = std::make_shared<velora::WebInfo>();
-    info->webTag = "bench";
-    velora::PageBinding::init(info);
-    velora::PageBinding::attach("bench");
-    return component;
-  }();
-  return *web;
+  static velora_test::BoundPage* page = new velora_test::BoundPage("bench");
+  return page->web();
 }
 
 size_t discard(char*, size_t size, size_t count, void* total) {
