@@ -41,8 +41,9 @@ std::atomic<int>& minLevel() {
 std::atomic<LogCallback> g_callback{nullptr};
 
 host::LineSink& sink() {
-  static host::LineSink sink(host::envOr("VELORA_HILOG", "-"));
-  return sink;
+  // Never destroyed: destructors of other statics log while the process exits.
+  static host::LineSink* sink = new host::LineSink(host::envOr("VELORA_HILOG", "-"));
+  return *sink;
 }
 
 char levelLetter(LogLevel level) {
