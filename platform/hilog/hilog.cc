@@ -138,6 +138,10 @@ void formatOne(std::string& out,
       else
         n = fmt(va_arg(ap, double));
       break;
+    case 'n':
+      // Writes through a pointer on the device; here it is only skipped.
+      va_arg(ap, void*);
+      return;
     default:
       return;
   }

@@ -79,9 +79,13 @@ int compareVersions(const std::string& a, const std::string& b) {
                    x.find_first_not_of("0123456789") == std::string::npos &&
                    y.find_first_not_of("0123456789") == std::string::npos;
     if (numeric) {
-      unsigned long long nx = std::stoull(x), ny = std::stoull(y);
-      if (nx != ny)
-        return nx < ny ? -1 : 1;
+      // Compared as digit strings: no part is too long for a number.
+      x.erase(0, std::min(x.find_first_not_of('0'), x.size() - 1));
+      y.erase(0, std::min(y.find_first_not_of('0'), y.size() - 1));
+      if (x.size() != y.size())
+        return x.size() < y.size() ? -1 : 1;
+      if (x != y)
+        return x < y ? -1 : 1;
     } else if (x != y) {
       return x < y ? -1 : 1;
     }
@@ -138,7 +142,7 @@ bool readFile(const std::string& path, std::string* out) {
 // Reads and checks the package at `path`. Resources that cannot be served
 // are left out with a log line; a package that cannot be read at all is
 // refused with `error` set.
-std::optional<Package> loadPackage(const std::string& path, std::string* error) {
+std::optional<Package> readPackage(const std::string& path, std::string* error) {
   Package package;
   package.zipped = path.size() > 4 && path.compare(path.size() - 4, 4, ".zip") == 0;
   std::string manifestText;
@@ -176,7 +180,8 @@ std::optional<Package> loadPackage(const std::string& path, std::string* error) 
     return std::nullopt;
   }
   package.info.id = manifest["id"];
-  package.info.version = manifest.value("version", "0");
+  const nlohmann::json& version = manifest.contains("version") ? manifest["version"] : "0";
+  package.info.version = version.is_string() ? version.get<std::string>() : version.dump();
   package.info.path = path;
   std::string realRoot = package.zipped ? "" : fs::weakly_canonical(path).string() + "/";
   for (const auto& entry : manifest["resources"]) {
@@ -216,6 +221,16 @@ std::optional<Package> loadPackage(const std::string& path, std::string* error) 
   }
   package.info.resources = package.exact.size() + package.anyQuery.size();
   return package;
+}
+
+std::optional<Package> loadPackage(const std::string& path, std::string* error) {
+  try {
+    return readPackage(path, error);
+  } catch (const std::exception& e) {
+    // A member of the wrong type ("anyQuery": "yes", "url": 5, ...).
+    *error = std::string("manifest.json is malformed: ") + e.what();
+    return std::nullopt;
+  }
 }
 
 void addResources(const std::vector<std::pair<std::string, Resource>>& resources,

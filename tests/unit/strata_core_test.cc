@@ -126,6 +126,8 @@ TEST_F(StrataCoreTest, BadPackagesAreSkippedAndNothingOutsideAPackageIsServed) {
   velora_test::HilogCapture hilog;
   write(installed_.path() + "/nomanifest/a.txt", "x");
   write(installed_.path() + "/badjson/manifest.json", "{not json");
+  write(installed_.path() + "/badtypes/manifest.json",
+        R"({"id": "t", "version": 2, "resources": [{"url": 5, "file": "a", "anyQuery": "yes"}]})");
   write(installed_.path() + "/broken.zip", "not a zip");
   write(sources_.path() + "/secret.txt", "secret");
   fs::path escaping =
@@ -150,6 +152,8 @@ TEST_F(StrataCoreTest, BadPackagesAreSkippedAndNothingOutsideAPackageIsServed) {
   EXPECT_EQ(PackageManager::list().size(), 1u);
   EXPECT_TRUE(hilog.contains("skipping package " + installed_.path() + "/badjson"));
   EXPECT_TRUE(hilog.contains("skipping package " + installed_.path() + "/broken.zip"));
+  EXPECT_TRUE(hilog.contains("skipping package " + installed_.path() +
+                             "/badtypes: manifest.json is malformed"));
   EXPECT_TRUE(hilog.contains("outside the package"));
   std::string error;
   EXPECT_FALSE(PackageManager::install(installed_.path() + "/badjson", &error));
@@ -168,6 +172,13 @@ TEST_F(StrataCoreTest, TheNewerVersionWinsADuplicateUrl) {
   EXPECT_EQ(lookup("https://a.test/x")->body, "new");
   EXPECT_EQ(lookup("https://a.test/x")->packageId, "new");
   EXPECT_TRUE(hilog.contains("serving it from the newer one, new"));
+  // Parts longer than any integer still compare.
+  ASSERT_TRUE(
+      PackageManager::install(makePackage(sources_.path(), "huge", "1.0099999999999999999999999",
+                                          {{"https://a.test/x", "x", "huge"}})
+                                  .string(),
+                              &error));
+  EXPECT_EQ(lookup("https://a.test/x")->body, "huge");
 }
 
 TEST_F(StrataCoreTest, InstallAndRemoveWhileLookupsRunNeverServeAHalfPackage) {
