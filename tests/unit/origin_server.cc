@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +65,17 @@ std::string patternBytes(size_t offset, size_t size) {
   for (size_t i = 0; i < size; ++i)
     bytes[i] = static_cast<char>(((offset + i) * 31 + 7) & 255);
   return bytes;
+}
+
+std::vector<std::string> headerValues(
+    const std::vector<std::pair<std::string, std::string>>& headers,
+    const std::string& name) {
+  std::vector<std::string> values;
+  for (const auto& [key, value] : headers) {
+    if (strcasecmp(key.c_str(), name.c_str()) == 0)
+      values.push_back(value);
+  }
+  return values;
 }
 
 int refusedPort() {

@@ -46,6 +46,11 @@ struct FetchResult {
   std::string events;  // one letter per event: S(ent) R(esponse) D(ata) M(etrics) F(inish) E(rror)
 };
 
+// The values of header `name` (any case) in arrival order.
+std::vector<std::string> headerValues(
+    const std::vector<std::pair<std::string, std::string>>& headers,
+    const std::string& name);
+
 // Sends `request` on the process session and waits for its end.
 FetchResult fetch(const std::shared_ptr<flume::FLHttpRequest>& request);
 FetchResult fetch(const std::string& url);

@@ -26,15 +26,6 @@ using velora_test::patternBytes;
 
 namespace {
 
-std::vector<std::string> valuesOf(const LoadResult& result, const std::string& name) {
-  std::vector<std::string> values;
-  for (const auto& [key, value] : result.headers) {
-    if (strcasecmp(key.c_str(), name.c_str()) == 0)
-      values.push_back(value);
-  }
-  return values;
-}
-
 std::vector<std::string> reasonsLogged(const tide::LogCapture& log) {
   std::vector<std::string> reasons;
   for (const auto& entry : log.find("ignoreIntercept", "Velora/web")) {
@@ -70,9 +61,10 @@ TEST(RequestPath, RepeatedHeadersReachTheEngineInOrder) {
   OriginServer origin;
   BoundPage page("page");
   LoadResult result = page.load(origin.url("/headers"));
-  EXPECT_EQ(valuesOf(result, "Set-Cookie"),
+  EXPECT_EQ(velora_test::headerValues(result.headers, "Set-Cookie"),
             (std::vector<std::string>{"a=1; Path=/", "b=2; Path=/", "c=3; Path=/"}));
-  EXPECT_EQ(valuesOf(result, "X-Multi"), (std::vector<std::string>{"first", "second"}));
+  EXPECT_EQ(velora_test::headerValues(result.headers, "X-Multi"),
+            (std::vector<std::string>{"first", "second"}));
 }
 
 TEST(RequestPath, ContentTypeSetsMimeAndCharsetOnlyWithTheSwitchOn) {
@@ -82,7 +74,8 @@ TEST(RequestPath, ContentTypeSetsMimeAndCharsetOnlyWithTheSwitchOn) {
   LoadResult off = page.load(typed);
   EXPECT_EQ(off.mimeType, "");
   EXPECT_EQ(off.charset, "");
-  EXPECT_EQ(valuesOf(off, "Content-Type"), (std::vector<std::string>{"Text/HTML; Charset=UTF-8"}));
+  EXPECT_EQ(velora_test::headerValues(off.headers, "Content-Type"),
+            (std::vector<std::string>{"Text/HTML; Charset=UTF-8"}));
 
   InterceptManager::getInstance().setInterceptMimeType(true);
   LoadResult on = page.load(typed);
