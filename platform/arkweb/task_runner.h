@@ -19,7 +19,6 @@ class TaskRunner {
 
   void post(std::function<void()> task) { postDelayed(std::move(task), 0); }
   void postDelayed(std::function<void()> task, long delayMs);
-  bool runsTasksOnCurrentThread() const { return std::this_thread::get_id() == thread_.get_id(); }
   // Blocks until no task is due or running (delayed tasks do not count).
   void waitIdle();
 

@@ -284,7 +284,7 @@ std::shared_ptr<const Index> buildIndex(const std::string& dir) {
 class Library {
  public:
   Library() : dir_(host::envOr("VELORA_PACKAGES_DIR", host::dataDir() + "/packages")) {
-    std::atomic_store(&index_, buildIndex(dir_));
+    swapIndexLocked();  // nothing else runs yet
     for (int i = 0; i < kWorkers; ++i)
       workers_.emplace_back([this] { work(); });
   }
@@ -327,7 +327,7 @@ class Library {
 
   void rescan() {
     std::lock_guard<std::mutex> lock(changeMutex_);
-    std::atomic_store(&index_, buildIndex(dir_));
+    swapIndexLocked();
   }
 
   std::mutex& changeMutex() { return changeMutex_; }

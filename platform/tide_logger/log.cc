@@ -3,6 +3,7 @@
 #include "tide_logger/log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "common/host_env.h"
@@ -15,12 +16,19 @@ struct Outputs {
   host::LineSink file{host::envOr("VELORA_LOG", "")};
   host::LineSink errors{"-"};
   std::mutex mutex;
-  std::vector<LogCapture*> captures;
+  std::vector<LogCapture*> captures;  // guarded by mutex
+  std::atomic<int> captureCount{0};   // captures.size(), read without the lock
 };
 
 Outputs& outputs() {
   static Outputs* instance = new Outputs();  // outlives every static that logs at exit
   return *instance;
+}
+
+// Whether an entry of `level` reaches any output at all.
+bool wanted(int level) {
+  Outputs& out = outputs();
+  return out.file.enabled() || level <= kError || out.captureCount.load() > 0;
 }
 
 std::string serialise(const nlohmann::ordered_json& entry) {
@@ -31,7 +39,7 @@ std::string serialise(const nlohmann::ordered_json& entry) {
 }  // namespace
 
 LogBuilder::LogBuilder(int level, std::string tag)
-    : level_(level), tag_(std::move(tag)), ts_(tern::currentTimeMillis()) {}
+    : level_(level), tag_(std::move(tag)), ts_(tern::currentTimeMillis()), wanted_(wanted(level)) {}
 
 LogBuilder& LogBuilder::event(const std::string& name, const std::string& id) {
   event_ = name;
@@ -62,7 +70,7 @@ LogBuilder& LogBuilder::key(const std::string& name) {
 }
 
 void LogBuilder::done() {
-  if (done_) {
+  if (done_ || !wanted_) {
     return;
   }
   done_ = true;
@@ -95,6 +103,7 @@ LogCapture::LogCapture() {
   Outputs& out = outputs();
   std::lock_guard<std::mutex> lock(out.mutex);
   out.captures.push_back(this);
+  out.captureCount = static_cast<int>(out.captures.size());
 }
 
 LogCapture::~LogCapture() {
@@ -102,6 +111,7 @@ LogCapture::~LogCapture() {
   std::lock_guard<std::mutex> lock(out.mutex);
   out.captures.erase(std::remove(out.captures.begin(), out.captures.end(), this),
                      out.captures.end());
+  out.captureCount = static_cast<int>(out.captures.size());
 }
 
 void LogCapture::add(const nlohmann::ordered_json& entry) {

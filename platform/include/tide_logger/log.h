@@ -61,7 +61,8 @@ class LogBuilder {
  private:
   template <typename T>
   LogBuilder& put(T&& v) {
-    fields_[pendingKey_] = std::forward<T>(v);
+    if (wanted_)
+      fields_[pendingKey_] = std::forward<T>(v);
     return *this;
   }
 
@@ -75,6 +76,8 @@ class LogBuilder {
   bool hasParent_ = false;
   bool hasError_ = false;
   bool done_ = false;
+  // False when no output would take this entry: it is then not assembled.
+  bool wanted_;
   std::string pendingKey_;
   nlohmann::ordered_json fields_ = nlohmann::ordered_json::object();
 };
