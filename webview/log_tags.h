@@ -17,6 +17,12 @@ inline constexpr char kInterceptManager[] = "Velora/intercept_manager";
 inline constexpr char kPrefetchNetwork[] = "Velora/prefetch_network";
 inline constexpr char kPrefetchRequestCache[] = "Velora/prefetch_request_cache";
 inline constexpr char kPrefetchRequestListener[] = "Velora/prefetch_request_listener";
+inline constexpr char kSsrRequest[] = "Velora/ssr_request";
+inline constexpr char kSsrRequestListener[] = "Velora/ssr_request_listener";
+inline constexpr char kFirstChunkStorage[] = "Velora/first_chunk_storage";
+inline constexpr char kFirstChunkHandler[] = "Velora/first_chunk_handler";
+inline constexpr char kSsrAbility[] = "Velora/ssr_ability";
+inline constexpr char kApiInfo[] = "Velora/api_info";
 
 }  // namespace log_tags
 }  // namespace velora

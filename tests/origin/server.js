@@ -20,7 +20,9 @@
 //   /reset?after=N               headers and N body bytes, then the connection is reset
 //   /stall?after=N               headers and N body bytes, then nothing
 //   /ssr?chunks=N&delay=MS       a streamed HTML page
+//   /fcc/NAME?...                a server-rendered page with a first chunk (see renderFcc)
 //   /__count?path=P              how many requests reached path P so far
+//   /__seen?path=P               the request headers of the last request to path P
 const http = require('node:http');
 const crypto = require('node:crypto');
 const fs = require('node:fs');
@@ -29,6 +31,8 @@ const zlib = require('node:zlib');
 
 const SITE = path.join(__dirname, 'site');
 const counts = new Map();
+const seen = new Map();
+const FCC_MARKER = '<div><!--fcc--></div>';
 
 function pattern(offset, size) {
   const bytes = Buffer.allocUnsafe(size);
@@ -57,11 +61,73 @@ function sendPattern(res, size, chunk, delay, extraHeaders = {}) {
   writeMore();
 }
 
+// The first chunk of server-rendered page NAME at VERSION: the part of the
+// page that does not depend on the request, ending in the marker.
+function fccFirstChunk(name, version) {
+  return `<!DOCTYPE html><html><head><meta charset="utf-8"><title>${name}</title>` +
+    `<style>body{font-family:sans-serif;margin:0}header{background:#234;color:#fff;padding:12px}` +
+    `</style></head><body><header id="shell">${name} (version ${version})</header>${FCC_MARKER}`;
+}
+
+// The rest of the page: `size` bytes of rendered content, closing the document.
+function fccRest(name, size) {
+  const head = `<main id="content"><h1>${name}</h1><p id="rendered">rendered at the server</p>`;
+  const tail = '</main></body></html>';
+  const fill = Math.max(0, size - head.length - tail.length);
+  const line = '<p>lorem ipsum dolor sit amet, consectetur adipiscing elit.</p>\n';
+  return head + line.repeat(Math.ceil(fill / line.length)).slice(0, fill) + tail;
+}
+
+// A server-rendered page with the first-chunk headers. Query:
+//   version=V (1)          fcc-version; the first chunk names it, so versions differ in bytes
+//   enable=TEXT (true)     fcc-enable as given; "omit" leaves the header out
+//   rule=R                 fcc-url-query-rule
+//   expire=MS | ttl=MS     fcc-expire-time, absolute or from now; none by default
+//   wait=MS (0)            render time before the status line and the first chunk
+//   delay=MS (50)          between the first chunk and the rest
+//   size=N (2048)          bytes of the rest; piece=S writes it in pieces of S bytes
+// A request with "x-s-first-chunk: true" gets the first chunk alone.
+const fccRestCache = new Map();
+function renderFcc(req, res, url, num) {
+  const q = url.searchParams;
+  const name = url.pathname.slice('/fcc/'.length) || 'page';
+  const version = q.get('version') || '1';
+  const headers = { 'Content-Type': 'text/html; charset=utf-8', 'fcc-version': version };
+  if (q.get('enable') !== 'omit') headers['fcc-enable'] = q.get('enable') || 'true';
+  if (q.has('rule')) headers['fcc-url-query-rule'] = q.get('rule');
+  if (q.has('expire')) headers['fcc-expire-time'] = q.get('expire');
+  if (q.has('ttl')) headers['fcc-expire-time'] = String(Date.now() + num('ttl', 0));
+  const size = num('size', 2048);
+  const restKey = `${name}/${size}`;
+  if (!fccRestCache.has(restKey)) fccRestCache.set(restKey, Buffer.from(fccRest(name, size)));
+  const rest = fccRestCache.get(restKey);
+  const piece = num('piece', 0) > 0 ? num('piece', 0) : rest.length || 1;
+  const justFirstChunk = req.headers['x-s-first-chunk'] === 'true';
+  setTimeout(() => {
+    res.writeHead(200, headers);
+    res.write(fccFirstChunk(name, version));
+    if (justFirstChunk) return res.end();
+    return setTimeout(() => {
+      let sent = 0;
+      const writeMore = () => {
+        while (sent < rest.length) {
+          const part = rest.subarray(sent, Math.min(rest.length, sent + piece));
+          sent += part.length;
+          if (!res.write(part)) return res.once('drain', writeMore);
+        }
+        return res.end();
+      };
+      writeMore();
+    }, num('delay', 50));
+  }, num('wait', 0));
+}
+
 function handle(req, res) {
   const url = new URL(req.url, 'http://origin');
   const q = url.searchParams;
   const num = (name, fallback) => (q.has(name) ? Number(q.get(name)) : fallback);
   counts.set(url.pathname, (counts.get(url.pathname) || 0) + 1);
+  if (url.pathname !== '/__seen') seen.set(url.pathname, req.headers);
   const route = url.pathname.split('/')[1];
 
   switch (route) {
@@ -148,6 +214,11 @@ function handle(req, res) {
       };
       return next();
     }
+    case 'fcc':
+      return renderFcc(req, res, url, num);
+    case '__seen':
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify(seen.get(q.get('path')) || null));
     case '__count':
       res.writeHead(200, { 'Content-Type': 'application/json' });
       return res.end(JSON.stringify({ count: counts.get(q.get('path')) || 0 }));
@@ -179,4 +250,4 @@ function main() {
 }
 
 if (require.main === module) main();
-module.exports = { pattern, handle };
+module.exports = { pattern, handle, fccFirstChunk, fccRest, FCC_MARKER };

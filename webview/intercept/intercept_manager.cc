@@ -231,11 +231,8 @@ void InterceptManager::updateTesseraConfigFromLocal() {
     std::optional<std::string> stored = STORAGE->get(kStoreTesseraConfig);
     if (!stored || stored->empty())
       return;
+    // A copy that is not an object has no members: every key reads as empty.
     nlohmann::json saved = nlohmann::json::parse(*stored);
-    if (!saved.is_object()) {
-      logWhat(tide::kInfo, "updateTesseraConfigFromLocal", "saved copy is not a JSON object");
-      return;
-    }
     updateTesseraConfig("local", [&saved](const std::string& key) {
       auto it = saved.find(key);
       return (it != saved.end() && it->is_string()) ? it->get<std::string>() : std::string();

@@ -1,6 +1,9 @@
 #include "network/net_service.h"
 
+#include "gantry_ssr/ssr_service.h"
 #include "network/flume_request.h"
+#include "network/ssr_request.h"
+#include "tern/singleton.h"
 
 namespace velora {
 
@@ -12,10 +15,18 @@ HeaderMultimap NetRequestCallBack::transformHeaders(
   return result;
 }
 
+bool NetService::isSSR(const std::string& url) {
+  return tern::Singleton<gantry_ssr::SsrService>::getInstance().validate(url);
+}
+
 std::shared_ptr<NetRequest> NetService::createNetRequest(
     const std::string& url,
     std::shared_ptr<NetRequestCallBack> callback) {
-  std::shared_ptr<NetRequest> request = std::make_shared<FlumeRequest>(std::move(callback));
+  std::shared_ptr<NetRequest> request;
+  if (isSSR(url))
+    request = std::make_shared<SSRRequest>(std::move(callback));
+  else
+    request = std::make_shared<FlumeRequest>(std::move(callback));
   request->setUrl(url);
   return request;
 }

@@ -8,10 +8,13 @@
 
 namespace velora {
 
-// Makes the carrier for a URL. Stateless; any thread. Every URL goes over
-// the HTTP carrier; SSR gateway URLs get their own carrier when it lands.
+// Makes the carrier for a URL: the SSR gateway for the URLs it accepts, the
+// HTTP carrier for every other. Stateless; any thread.
 class NetService {
  public:
+  // True when the SSR gateway accepts `url`.
+  static bool isSSR(const std::string& url);
+
   // A request for `url` (already set) reporting to `callback`, held weakly.
   static std::shared_ptr<NetRequest> createNetRequest(const std::string& url,
                                                       std::shared_ptr<NetRequestCallBack> callback);

@@ -76,6 +76,9 @@ std::string PrefetchNetwork::startPrefetch(std::shared_ptr<PrefetchRequest> requ
   entry.event("startPrefetch");
   netRequest->setMethod(request->getMethod());
   std::map<std::string, std::string> headers = defaultHeaders();
+  // The gateway then renders only the first chunk of the page.
+  if (request->isJustFirstChunk() && NetService::isSSR(request->getUrl()))
+    headers["x-s-first-chunk"] = "true";
   for (const auto& [name, value] : request->getHeaders())
     headers[name] = value;
   for (const auto& [name, value] : headers) {

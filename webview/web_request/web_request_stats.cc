@@ -1,21 +1,17 @@
 // Analytics points of intercepted requests.
-#include <map>
+#include "web_request/web_request_stats.h"
 
 #include "analytics/alarm_commit.h"
 #include "web_request/web_request.h"
 
 namespace velora {
-namespace {
 
-// key*F*value#L# per entry, in key order; nothing is escaped.
 std::string encodeStats(const std::map<std::string, std::string>& entries) {
   std::string text;
   for (const auto& [key, value] : entries)
     text += key + "*F*" + value + "#L#";
   return text;
 }
-
-}  // namespace
 
 void WebRequest::reportPrefetchStats(const std::string& url, int hit) {
   std::string text = encodeStats({{"url", url}, {"type", std::to_string(hit)}});

@@ -1,0 +1,127 @@
+// The SSR gateway client on the flume carrier.
+#include "gantry_ssr/ssr_service.h"
+
+#include <mutex>
+
+#include "common/host_env.h"
+#include "flume/flume.h"
+
+namespace gantry_ssr {
+namespace {
+
+// A call gives up when the gateway sends nothing for this long.
+constexpr long kIdleTimeoutMs = 60000;
+
+std::vector<std::string> splitPrefixes(const std::string& text) {
+  std::vector<std::string> prefixes;
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t comma = text.find(',', start);
+    if (comma == std::string::npos)
+      comma = text.size();
+    std::string prefix = text.substr(start, comma - start);
+    size_t first = prefix.find_first_not_of(" \t");
+    size_t last = prefix.find_last_not_of(" \t");
+    if (first != std::string::npos)
+      prefixes.push_back(prefix.substr(first, last - first + 1));
+    start = comma + 1;
+  }
+  return prefixes;
+}
+
+// Carries one call's flume events to its listener; flume calls them one at a
+// time on its event thread. Deletes itself with the last event.
+class CallListener : public flume::IFLHttpSessionListener {
+ public:
+  CallListener(std::shared_ptr<SsrRequest> request, std::shared_ptr<SsrListener> listener)
+      : request_(std::move(request)), listener_(std::move(listener)) {}
+
+  void onFLHttpSentCompleted(const flume::FLHttpRequest&, bool) override {}
+  void onFLHttpResponse(const flume::FLHttpRequest&,
+                        const std::shared_ptr<flume::FLHttpResponse>& response) override {
+    listener_->onResponse(request_, static_cast<int>(response->getStatusCode()),
+                          response->getRepeatedHeadFields());
+  }
+  bool onFLHttpWillRedirection(const flume::FLHttpRequest&,
+                               const flume::FLHttpRequest&,
+                               const std::shared_ptr<flume::FLHttpResponse>&) override {
+    return false;
+  }
+  void onFLHttpAuthenticationChallenge(const flume::FLHttpRequest&,
+                                       const flume::FLHttpAuthenticationChallenge&) override {}
+  void onFLHttpReceiveData(const flume::FLHttpRequest&,
+                           const std::shared_ptr<flume::FLData>& data) override {
+    if (data && data->size() > 0)
+      listener_->onReceiveData(request_, std::string(data->data(), data->size()));
+  }
+  void onFLHttpError(const flume::FLHttpRequest&,
+                     const std::shared_ptr<flume::FLError>& error) override {
+    listener_->onError(request_,
+                       std::make_shared<SsrResponse>(error->getCode(), error->getMessage()));
+    delete this;
+  }
+  void onFLHttpCollectingMetrics(const flume::FLHttpRequest&,
+                                 const flume::FLHttpMetrics&) override {}
+  void onFLHttpFinish(const flume::FLHttpRequest&) override {
+    listener_->onFinish(request_);
+    delete this;
+  }
+
+ private:
+  std::shared_ptr<SsrRequest> request_;
+  std::shared_ptr<SsrListener> listener_;
+};
+
+struct Rules {
+  std::mutex mutex;
+  std::vector<std::string> prefixes = splitPrefixes(host::envOr("VELORA_SSR_RULES", ""));
+};
+
+// Never destroyed: requests may still be validated while the process exits.
+Rules& rules() {
+  static Rules* instance = new Rules;
+  return *instance;
+}
+
+}  // namespace
+
+bool SsrService::validate(const std::string& url) const {
+  Rules& r = rules();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  for (const auto& prefix : r.prefixes) {
+    if (url.compare(0, prefix.size(), prefix) == 0)
+      return true;
+  }
+  return false;
+}
+
+void SsrService::asyncCall(const std::shared_ptr<SsrRequest>& request,
+                           const std::shared_ptr<SsrListener>& listener) {
+  if (!request || !listener)
+    return;
+  auto httpRequest = flume::FLHttpRequest::create(request->getUrl());
+  httpRequest->setMethod(request->getHttpMethod() == SsrHttpMethod::POST ? "POST" : "GET");
+  for (const auto& [name, value] : request->getHeaders())
+    httpRequest->addHeadField(name, value);
+  httpRequest->setIdleTimeoutMs(kIdleTimeoutMs);
+  flume::FLHttpSession::getSession()->send(httpRequest, new CallListener(request, listener));
+}
+
+void SsrService::setRules(std::vector<std::string> prefixes) {
+  std::vector<std::string> kept;
+  for (auto& prefix : prefixes) {
+    if (!prefix.empty())
+      kept.push_back(std::move(prefix));
+  }
+  Rules& r = rules();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.prefixes = std::move(kept);
+}
+
+std::vector<std::string> SsrService::getRules() {
+  Rules& r = rules();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  return r.prefixes;
+}
+
+}  // namespace gantry_ssr

@@ -1,0 +1,168 @@
+#include "omni_ability/ssr_ability_impl.h"
+
+#include <mutex>
+
+#include "first_chunk/first_chunk_handler.h"
+#include "first_chunk/first_chunk_storage.h"
+#include "log_tags.h"
+#include "omni_ability/api_info_helper.h"
+#include "prefetch/prefetch_network.h"
+#include "tern/executor_service.h"
+#include "tern/time_utils.h"
+#include "tide_logger/log.h"
+
+namespace velora {
+namespace {
+
+constexpr const char* kLogTag = log_tags::kSsrAbility;
+
+omni::ExecuteResult urlEmpty() {
+  return omni::ExecuteResult::error("INVALID_PARAM", "url empty");
+}
+
+// The outcome of a first-chunk preload. The prefetch that fetches it is
+// never consumed by a page, so it is removed when it ends; its id is known
+// only once startPrefetch returns, which may be after the end.
+class PreloadOutcome {
+ public:
+  PreloadOutcome(std::string url, omni::Ability::Callback callback)
+      : url_(std::move(url)), callback_(std::move(callback)) {}
+
+  void onResponse(int status) { status_ = status; }
+  void onFinish() {
+    bool stored = FirstChunkStorage(url_).read(url_) != nullptr;
+    end(omni::ExecuteResult::success({{"status", status_}, {"stored", stored}}, status_));
+  }
+  void onError(int code, const std::string& message) {
+    end(omni::ExecuteResult::error(std::to_string(code), message, status_));
+  }
+  void started(const std::string& id) {
+    bool ended;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      id_ = id;
+      ended = ended_;
+    }
+    if (ended)
+      PrefetchNetwork::removePrefetch(id);
+  }
+
+ private:
+  void end(const omni::ExecuteResult& result) {
+    std::string id;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ended_ = true;
+      id = id_;
+    }
+    callback_(result);
+    if (!id.empty())
+      PrefetchNetwork::removePrefetch(id);
+  }
+
+  const std::string url_;
+  const omni::Ability::Callback callback_;
+  int status_ = 0;  // written and read on the carrier's thread
+  std::mutex mutex_;
+  std::string id_;
+  bool ended_ = false;
+};
+
+}  // namespace
+
+void SSRAbility::prerender(std::shared_ptr<omni::AbilityContext>,
+                           const omni::AbilityData&,
+                           Callback callback) {
+  callback(omni::ExecuteResult::success());
+}
+
+void SSRAbility::preload(std::shared_ptr<omni::AbilityContext>,
+                         const omni::AbilityData&,
+                         Callback callback) {
+  callback(omni::ExecuteResult::success());
+}
+
+void SSRAbility::preloadFirstChunk(std::shared_ptr<omni::AbilityContext>,
+                                   const omni_idl::SSRPreloadFirstChunkParams& params,
+                                   Callback callback) {
+  if (params.url.empty())
+    return callback(urlEmpty());
+  tide::Log::build(tide::kInfo, kLogTag)
+      .event("preloadFirstChunk")
+      .key("url")
+      .value(params.url)
+      .key("forceUpdate")
+      .value(params.forceUpdate)
+      .done();
+  if (!params.forceUpdate) {
+    std::shared_ptr<FirstChunkContext> stored = FirstChunkStorage(params.url).read(params.url);
+    if (stored && !stored->isExpired())
+      return callback(omni::ExecuteResult::success({{"status", 0}, {"stored", true}}));
+  }
+  auto request = std::make_shared<PrefetchRequest>(params.url);
+  request->setMethod(params.method);
+  request->setJustFirstChunk(true);
+  auto outcome = std::make_shared<PreloadOutcome>(params.url, std::move(callback));
+  std::string id = PrefetchNetwork::startPrefetch(
+      request, [outcome](int status, const HeaderMultimap&) { outcome->onResponse(status); },
+      nullptr, [outcome] { outcome->onFinish(); },
+      [outcome](int code, ArkWeb_NetError, const std::string& message) {
+        outcome->onError(code, message);
+      });
+  outcome->started(id);
+}
+
+void SSRAbility::setFirstChunkCache(std::shared_ptr<omni::AbilityContext> context,
+                                    const omni_idl::SSRSetFCCParams& params,
+                                    Callback callback) {
+  const std::string url = context ? context->getDataFromUserDataMap(kPageUrlKey) : std::string();
+  if (url.empty())
+    return callback(urlEmpty());
+  std::shared_ptr<FirstChunkContext> record = FirstChunkStorage(url).read(url);
+  if (!record) {
+    // A new record is one the caller vouches for: enabled, under the page's
+    // own query rule.
+    record = std::make_shared<FirstChunkContext>();
+    record->setUrl(url);
+    record->setEnable(true);
+    record->setRule(UrlParser(url).getQuery("fcc_match_query"));
+  }
+  auto entry = tide::Log::build(tide::kInfo, kLogTag);
+  entry.event("setFirstChunkCache").key("url").value(url);
+  if (record->getExpiredTime() == 0) {
+    record->setExpiredTime(static_cast<double>(tern::currentTimeMillis()) +
+                           FirstChunkHandler::kDefaultLifetimeMs);
+  }
+  if (params.expireTime) {
+    record->setExpiredTime(static_cast<double>(*params.expireTime));
+    entry.key("expireTime").value(static_cast<long long>(*params.expireTime));
+  }
+  if (params.version)
+    record->setVersion(*params.version);
+  record->setHtml(params.html);
+  entry.done();
+  // The store is never written on the caller's thread.
+  tern::ExecutorService::of("Velora", TERN_HERE)
+      .post(tern::Fiber([url, record, callback = std::move(callback)] {
+        if (FirstChunkStorage(url).write(record))
+          callback(omni::ExecuteResult::success());
+        else
+          callback(omni::ExecuteResult::error("WRITE_FAIL", "write fail"));
+      }));
+}
+
+void SSRAbility::removeFirstChunkCache(std::shared_ptr<omni::AbilityContext> context,
+                                       Callback callback) {
+  const std::string url = context ? context->getDataFromUserDataMap(kPageUrlKey) : std::string();
+  if (url.empty())
+    return callback(urlEmpty());
+  FirstChunkStorage(url).remove();
+  tide::Log::build(tide::kInfo, kLogTag)
+      .event("removeFirstChunkCache")
+      .key("url")
+      .value(url)
+      .done();
+  callback(omni::ExecuteResult::success());
+}
+
+}  // namespace velora
