@@ -5,12 +5,16 @@
 //   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
 //                                onData(chunk, atMs) {}, cancelAfterMs });
 //   web.destroy();
+//   host.loadAbility(libraryPath, 'SSRAbility');           // true when found
+//   const result = await host.callAbility('SSRAbility', 'setFirstChunkCache',
+//                                         { pageUrl: url }, { html });
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "arkweb_host/web_component.h"
 #include "napi/native_api.h"
+#include "omni/ability.h"
 
 napi_status velora_register_platform_module(napi_env env, const char* name, napi_value value);
 
@@ -371,6 +375,96 @@ napi_value WaitIdle(napi_env, napi_callback_info) {
   return nullptr;
 }
 
+// JSON.stringify(value) / JSON.parse(text) of the script runtime.
+bool jsonCall(napi_env env, const char* method, napi_value argument, napi_value* result) {
+  napi_value global, json, function;
+  return napi_get_global(env, &global) == napi_ok &&
+         napi_get_named_property(env, global, "JSON", &json) == napi_ok &&
+         napi_get_named_property(env, json, method, &function) == napi_ok &&
+         napi_call_function(env, json, function, 1, &argument, result) == napi_ok;
+}
+
+napi_value LoadAbility(napi_env env, napi_callback_info info) {
+  size_t argc = 2;
+  napi_value argv[2] = {nullptr, nullptr};
+  napi_get_cb_info(env, info, &argc, argv, nullptr, nullptr);
+  if (argc < 2 || typeOf(env, argv[0]) != napi_string || typeOf(env, argv[1]) != napi_string)
+    return throwType(env, "loadAbility: expected (libraryPath, abilityName)");
+  napi_value result;
+  napi_get_boolean(
+      env, omni::AbilityRegistry::loadAbility(stringOf(env, argv[0]), stringOf(env, argv[1])),
+      &result);
+  return result;
+}
+
+// One callAbility in flight: the call runs on a worker thread (it waits for
+// the ability's answer), the promise settles on the script thread.
+struct AbilityCall {
+  std::string ability;
+  std::string api;
+  std::shared_ptr<omni::AbilityContext> context = std::make_shared<omni::AbilityContext>();
+  nlohmann::json data;
+  std::string resultJson;
+  napi_deferred deferred = nullptr;
+  napi_async_work work = nullptr;
+};
+
+napi_value CallAbility(napi_env env, napi_callback_info info) {
+  size_t argc = 4;
+  napi_value argv[4] = {nullptr, nullptr, nullptr, nullptr};
+  napi_get_cb_info(env, info, &argc, argv, nullptr, nullptr);
+  if (argc < 2 || typeOf(env, argv[0]) != napi_string || typeOf(env, argv[1]) != napi_string)
+    return throwType(env, "callAbility: expected (ability, api, userData, data)");
+  auto call = std::make_unique<AbilityCall>();
+  call->ability = stringOf(env, argv[0]);
+  call->api = stringOf(env, argv[1]);
+  if (argc > 2 && typeOf(env, argv[2]) == napi_object) {
+    napi_value names;
+    uint32_t count = 0;
+    NAPI_OK(napi_get_property_names(env, argv[2], &names));
+    NAPI_OK(napi_get_array_length(env, names, &count));
+    for (uint32_t i = 0; i < count; ++i) {
+      napi_value name, value;
+      NAPI_OK(napi_get_element(env, names, i, &name));
+      NAPI_OK(napi_get_property(env, argv[2], name, &value));
+      if (typeOf(env, value) == napi_string)
+        call->context->setDataToUserDataMap(stringOf(env, name), stringOf(env, value));
+    }
+  }
+  if (argc > 3 && typeOf(env, argv[3]) != napi_undefined) {
+    napi_value text;
+    if (!jsonCall(env, "stringify", argv[3], &text) || typeOf(env, text) != napi_string)
+      return throwType(env, "callAbility: data must be JSON-serialisable");
+    call->data = nlohmann::json::parse(stringOf(env, text), nullptr, false);
+  }
+  napi_value promise, name;
+  NAPI_OK(napi_create_promise(env, &call->deferred, &promise));
+  NAPI_OK(napi_create_string_utf8(env, "callAbility", NAPI_AUTO_LENGTH, &name));
+  NAPI_OK(napi_create_async_work(
+      env, nullptr, name,
+      [](napi_env, void* data) {
+        auto* call = static_cast<AbilityCall*>(data);
+        omni::ExecuteResult result = omni::AbilityAdapter::create("host")->syncCall(
+            call->ability, call->api, call->context, omni::AbilityData(call->data));
+        nlohmann::json map(result.toFormattedData().getAnyMapData());
+        call->resultJson = map.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+      },
+      [](napi_env env, napi_status, void* data) {
+        std::unique_ptr<AbilityCall> call(static_cast<AbilityCall*>(data));
+        napi_value text, result;
+        napi_create_string_utf8(env, call->resultJson.data(), call->resultJson.size(), &text);
+        if (jsonCall(env, "parse", text, &result))
+          napi_resolve_deferred(env, call->deferred, result);
+        else
+          napi_reject_deferred(env, call->deferred, text);
+        napi_delete_async_work(env, call->work);
+      },
+      call.get(), &call->work));
+  NAPI_OK(napi_queue_async_work(env, call->work));
+  call.release();
+  return promise;
+}
+
 napi_value Init(napi_env env, napi_value exports) {
   napi_property_descriptor properties[] = {
       {"createWebComponent", nullptr, CreateWebComponent, nullptr, nullptr, nullptr,
@@ -378,8 +472,10 @@ napi_value Init(napi_env env, napi_value exports) {
       {"registerPlatformModule", nullptr, RegisterPlatformModule, nullptr, nullptr, nullptr,
        napi_enumerable, nullptr},
       {"waitIdle", nullptr, WaitIdle, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
+      {"loadAbility", nullptr, LoadAbility, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
+      {"callAbility", nullptr, CallAbility, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
   };
-  napi_define_properties(env, exports, 3, properties);
+  napi_define_properties(env, exports, sizeof(properties) / sizeof(properties[0]), properties);
   return exports;
 }
 

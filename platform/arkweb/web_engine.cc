@@ -3,6 +3,7 @@
 // API's notices, and the host-only WebComponent driver.
 #include <strings.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -25,11 +26,15 @@ struct Notice {
 };
 
 // Components and the notices registered for their tags.
+class PageLoad;
+
 struct Registry {
   std::mutex mutex;
   std::map<std::string, std::map<std::string, ArkWeb_SchemeHandler*>> handlers;  // tag -> scheme
   std::map<std::string, bool> components;                                        // tag -> alive
   std::map<std::string, std::vector<Notice>> onDestroy, onPageBegin, onPageEnd, onAttached;
+  // Loads of each component, cancelled when it is destroyed.
+  std::map<std::string, std::vector<std::weak_ptr<PageLoad>>> loads;
 };
 
 Registry& registry() {
@@ -172,6 +177,15 @@ class PageLoad : public Load {
 
   void begin() {
     auto self = std::static_pointer_cast<PageLoad>(shared_from_this());
+    {
+      std::lock_guard<std::mutex> lock(registry().mutex);
+      auto& loads = registry().loads[tag_];
+      loads.erase(
+          std::remove_if(loads.begin(), loads.end(),
+                         [](const std::weak_ptr<PageLoad>& load) { return load.expired(); }),
+          loads.end());
+      loads.push_back(self);
+    }
     if (options_.cancelAfterMs >= 0) {
       std::weak_ptr<PageLoad> weak = self;
       ioThread().postDelayed(
@@ -297,6 +311,8 @@ class PageLoad : public Load {
     flume::FLHttpSession::getSession()->send(networkRequest_, new NetworkListener(self));
   }
 
+ public:
+  // Stops the load as a page that navigates away (or goes away) does.
   void cancel() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -310,6 +326,7 @@ class PageLoad : public Load {
     }
   }
 
+ private:
   void afterEnd() {
     if (intercepted_) {
       ArkWeb_OnRequestStop onStop = schemeHandler_->onStop.load();
@@ -399,12 +416,22 @@ class WebComponentImpl : public WebComponent {
 
   void destroy() override {
     fire(registry().onDestroy, tag_);
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    Registry& reg = registry();
-    reg.components[tag_] = false;
-    reg.handlers.erase(tag_);
-    for (auto* table : {&reg.onDestroy, &reg.onPageBegin, &reg.onPageEnd, &reg.onAttached}) {
-      table->erase(tag_);
+    std::vector<std::weak_ptr<PageLoad>> loads;
+    {
+      std::lock_guard<std::mutex> lock(registry().mutex);
+      Registry& reg = registry();
+      reg.components[tag_] = false;
+      reg.handlers.erase(tag_);
+      for (auto* table : {&reg.onDestroy, &reg.onPageBegin, &reg.onPageEnd, &reg.onAttached}) {
+        table->erase(tag_);
+      }
+      loads.swap(reg.loads[tag_]);
+      reg.loads.erase(tag_);
+    }
+    // A component that goes away stops what it was loading.
+    for (const auto& weak : loads) {
+      if (auto load = weak.lock())
+        load->cancel();
     }
   }
 
@@ -476,7 +503,8 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kStarted) {
       OH_LOG_Print(
-          LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidReceiveResponse ignored: %{public}s (%{public}s)",
+          LOG_APP, LOG_WARN, 0, kEngineLogTag,
+          "DidReceiveResponse ignored: %{public}s (%{public}s)",
           state_ == State::kEnded ? "the request has ended" : "a response was already sent",
           result_.url.c_str());
       return ARKWEB_INVALID_PARAM;
@@ -499,7 +527,8 @@ int32_t Load::didReceiveData(const uint8_t* buffer, int64_t length) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != State::kResponded) {
-      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidReceiveData ignored: %{public}s (%{public}s)",
+      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
+                   "DidReceiveData ignored: %{public}s (%{public}s)",
                    state_ == State::kEnded ? "the request has ended" : "no response was sent",
                    result_.url.c_str());
       return ARKWEB_INVALID_PARAM;
@@ -521,7 +550,8 @@ int32_t Load::didFinish() {
     return ARKWEB_INVALID_PARAM;
   }
   if (state == State::kStarted) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidFinish before any response: failing the load");
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
+                 "DidFinish before any response: failing the load");
     complete(ARKWEB_ERR_EMPTY_RESPONSE);
     return ARKWEB_SUCCESS;
   }
@@ -541,7 +571,8 @@ int32_t Load::didFailWithError(ArkWeb_NetError error, bool completeIfNoResponse)
     state = state_;
   }
   if (state == State::kEnded) {
-    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "DidFailWithError ignored: the request has ended");
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
+                 "DidFailWithError ignored: the request has ended");
     return ARKWEB_INVALID_PARAM;
   }
   if (state == State::kStarted && !completeIfNoResponse) {
