@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,6 +31,41 @@ struct Ratio {
 
 // Runs every registered benchmark, then prints one line per ratio.
 int runAndPrintRatios(int argc, char** argv, const std::vector<Ratio>& ratios);
+
+// ---- Interleaved measurement, for benchmarks that run their own rounds ----
+
+// One measurement of a variant: wall time and this process's CPU time (user +
+// system, all threads) in milliseconds, or any other pair the variant reports.
+struct Sample {
+  double wallMs = 0;
+  double cpuMs = 0;
+};
+
+// Wall and process CPU time of `body`.
+Sample measure(const std::function<void()>& body);
+
+struct Variant {
+  std::string name;
+  std::function<Sample()> run;
+};
+
+// Runs every variant once per round, the order rotated each round so no
+// variant always runs first on a noisy machine. Samples by variant name.
+std::map<std::string, std::vector<Sample>> interleave(const std::vector<Variant>& variants,
+                                                      int rounds);
+
+double median(std::vector<double> values);
+std::vector<double> wallOf(const std::vector<Sample>& samples);
+std::vector<double> cpuOf(const std::vector<Sample>& samples);
+
+// "load average: 0.52 0.61 0.70", for the record beside the figures.
+std::string loadAverage();
+
+// Instructions executed between CALLGRIND_TOGGLE_COLLECT pairs when this
+// program runs again under callgrind with `arguments`; -1 when valgrind is
+// missing or the run failed.
+long long callgrindInstructions(const std::string& program,
+                                const std::vector<std::string>& arguments);
 
 }  // namespace velora_bench
 

@@ -3,6 +3,9 @@
 // one that is not, side by side. The page is prefetched before its component
 // is bound, the assets come from an offline package. For each request: where
 // it was answered from, its status, size, time to first byte and to finish.
+// Then a server-rendered page (400 ms to render) visited with the first-chunk
+// cache on: the second visit starts from the stored chunk, and a new version
+// of the page is cleaned up in place; every body is checked byte for byte.
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -17,6 +20,7 @@ process.env.VELORA_PACKAGES_DIR = process.env.VELORA_PACKAGES_DIR || path.join(d
 
 const { execFileSync } = require('node:child_process');
 const { startOrigin } = require(path.join(ROOT, 'tests', 'js', 'origin.js'));
+const { fccFirstChunk } = require(path.join(ROOT, 'tests', 'origin', 'server.js'));
 const host = require(path.join(BUILD, 'arkweb_host.node'));
 const velora = require(path.join(BUILD, 'velora.node'));
 
@@ -29,7 +33,7 @@ const SITE = [
 ];
 
 function row(columns) {
-  const widths = [10, 30, 22, 7, 9, 9, 9];
+  const widths = [12, 30, 22, 7, 9, 9, 9];
   return columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
 }
 
@@ -73,8 +77,48 @@ async function loadSite(label, web, origin) {
   return lines;
 }
 
+// What a page sees after a stale first chunk: the stored chunk, the script
+// that empties the document, then the live page.
+const INVALIDATE_SCRIPT = '<script>document.getRootNode().activeElement.innerHTML=null;' +
+  'document.head.innerHTML=null</script>';
+
+async function visitServerRenderedPage(origin) {
+  velora.setFccEnable(true);
+  const web = host.createWebComponent('demo-ssr');
+  velora.webviewNativeInit({ webTag: 'demo-ssr', prefetchId: '', prefetchUrl: '' });
+  velora.webviewNativeAttach({ webTag: 'demo-ssr' });
+  const visits = [
+    { label: 'first visit', version: '1', stored: null },
+    { label: 'second visit', version: '1', stored: '1' },
+    { label: 'new version', version: '2', stored: '1' },
+  ];
+  const lines = [];
+  let allMatch = true;
+  for (const visit of visits) {
+    const url = origin.url(`/fcc/news?wait=400&delay=100&size=20000&version=${visit.version}`);
+    const live = Buffer.from(await (await fetch(url)).arrayBuffer());
+    const res = await web.load({ url, mainFrame: true });
+    const fromCache = res.headers.some(([name]) => name.toLowerCase() === 'x-first-chunk-cache');
+    let expected = live;
+    if (visit.stored && visit.stored !== visit.version) {
+      expected = Buffer.concat([Buffer.from(fccFirstChunk('news', visit.stored)),
+        Buffer.from(INVALIDATE_SCRIPT), live]);
+    }
+    const match = res.body.equals(expected);
+    allMatch = allMatch && match;
+    const ttfb = (res.timing.firstByte - res.timing.start).toFixed(1);
+    const total = (res.timing.finish - res.timing.start).toFixed(1);
+    lines.push(row([visit.label, `/fcc/news (version ${visit.version})`,
+      fromCache ? 'Velora: first chunk' : 'Velora: SSR gateway', res.status, res.body.length, ttfb,
+      total]) + (match ? ' bytes ok' : ' BYTES DIFFER'));
+  }
+  web.destroy();
+  return { lines, allMatch };
+}
+
 async function main() {
   const origin = await startOrigin();
+  process.env.VELORA_SSR_RULES = origin.url('/fcc/');
   try {
     installAssetsPackage(origin);
     velora.sdkInit({ appTag: 'demo', appVersion: '1.0.0', isDebug: true });
@@ -97,6 +141,14 @@ async function main() {
     for (const line of await loadSite('direct', plain, origin)) console.log(line);
     bound.destroy();
     plain.destroy();
+
+    console.log('\nserver-rendered page, first-chunk cache on (the server renders for 400 ms):');
+    const ssr = await visitServerRenderedPage(origin);
+    for (const line of ssr.lines) console.log(line);
+    if (!ssr.allMatch) {
+      console.error('the engine received other bytes than the live page');
+      process.exitCode = 1;
+    }
   } finally {
     origin.stop();
   }
