@@ -116,7 +116,7 @@ long long callgrindInstructions(const std::string& program,
   if (fd < 0)
     return -1;
   close(fd);
-  std::vector<std::string> command = {"valgrind", "--tool=callgrind", "--collect-atstart=no",
+  std::vector<std::string> command = {"valgrind", "--tool=callgrind",
                                       std::string("--callgrind-out-file=") + outFile, program};
   command.insert(command.end(), arguments.begin(), arguments.end());
   pid_t child = fork();

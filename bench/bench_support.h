@@ -61,9 +61,8 @@ std::vector<double> cpuOf(const std::vector<Sample>& samples);
 // "load average: 0.52 0.61 0.70", for the record beside the figures.
 std::string loadAverage();
 
-// Instructions executed between CALLGRIND_TOGGLE_COLLECT pairs when this
-// program runs again under callgrind with `arguments`; -1 when valgrind is
-// missing or the run failed.
+// Instructions executed (all threads) when `program` runs under callgrind
+// with `arguments`; -1 when valgrind is missing or the run failed.
 long long callgrindInstructions(const std::string& program,
                                 const std::vector<std::string>& arguments);
 

@@ -62,6 +62,16 @@ std::string contentType(const fs::path& file) {
   return it == types.end() ? "application/octet-stream" : it->second;
 }
 
+// Manifests are JSON text: file names must be UTF-8 to be named in one.
+bool isUtf8(const std::string& text) {
+  try {
+    (void)nlohmann::json(text).dump();
+    return true;
+  } catch (const nlohmann::json::exception&) {
+    return false;
+  }
+}
+
 int build(const std::vector<std::string>& args) {
   if (args.size() < 3)
     return usage();
@@ -86,13 +96,28 @@ int build(const std::vector<std::string>& args) {
   nlohmann::json manifest = {
       {"id", id}, {"version", version}, {"resources", nlohmann::json::array()}};
   std::vector<std::string> files;
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    if (!entry.is_regular_file())
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    std::string relative = fs::relative(it->path(), folder).generic_string();
+    if (it->is_symlink()) {
+      // A link would package whatever it points to, inside the folder or not.
+      std::fprintf(stderr, "velora-pack: %s is a symbolic link; links are not packaged\n",
+                   relative.c_str());
+      return 1;
+    }
+    if (!it->is_regular_file() || relative == "manifest.json")
       continue;
-    std::string relative = fs::relative(entry.path(), folder).generic_string();
-    if (relative == "manifest.json")
+    if (!isUtf8(relative)) {
+      std::fprintf(stderr, "velora-pack: left out a file whose name is not UTF-8: %s\n",
+                   relative.c_str());
       continue;
+    }
     files.push_back(relative);
+  }
+  if (ec) {
+    std::fprintf(stderr, "velora-pack: cannot read %s: %s\n", folder.c_str(),
+                 ec.message().c_str());
+    return 1;
   }
   std::sort(files.begin(), files.end());
   for (const std::string& file : files) {
@@ -124,7 +149,6 @@ int build(const std::vector<std::string>& args) {
       return 1;
     }
   } else {
-    std::error_code ec;
     fs::create_directories(out, ec);
     for (const std::string& file : files) {
       fs::create_directories((out / file).parent_path(), ec);
@@ -144,7 +168,7 @@ int build(const std::vector<std::string>& args) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   if (argc < 2)
     return usage();
   std::string command = argv[1];
@@ -176,4 +200,13 @@ int main(int argc, char** argv) {
     return 0;
   }
   return usage();
+}
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "velora-pack: %s\n", e.what());
+    return 1;
+  }
 }

@@ -9,6 +9,7 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -21,6 +22,7 @@
 #include <thread>
 
 #include "common/host_env.h"
+#include "common/json_limits.h"
 #include "hilog/log.h"
 
 namespace fs = std::filesystem;
@@ -30,6 +32,20 @@ namespace {
 
 constexpr char kTag[] = "StrataCore";
 constexpr int kWorkers = 2;
+// A manifest larger than this is refused.
+constexpr uint64_t kMaxManifestBytes = 8u << 20;
+
+// The largest resource served ($VELORA_PACKAGE_MAX_BYTES, default 64 MiB):
+// what an archive or a file claims is never trusted beyond it.
+uint64_t maxResourceBytes() {
+  static const uint64_t limit = [] {
+    std::string text = host::envOr("VELORA_PACKAGE_MAX_BYTES", "");
+    char* end = nullptr;
+    unsigned long long value = text.empty() ? 0 : std::strtoull(text.c_str(), &end, 10);
+    return value > 0 && end && *end == '\0' ? value : 64ull << 20;
+  }();
+  return limit;
+}
 
 struct Resource {
   std::string packageId;
@@ -92,6 +108,44 @@ int compareVersions(const std::string& a, const std::string& b) {
   }
 }
 
+// Package ids name files in the packages folder: plain names only.
+bool isPlainId(const std::string& id) {
+  if (id.empty() || id.size() > 128 || id[0] == '.')
+    return false;
+  for (char c : id) {
+    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                 c == '.' || c == '_' || c == '-';
+    if (!plain)
+      return false;
+  }
+  return true;
+}
+
+// True when `path`, resolved (links and ".." included), lies strictly inside
+// the folder `dir`.
+bool isInside(const std::string& dir, const std::string& path) {
+  std::error_code ec;
+  std::string root = fs::weakly_canonical(dir, ec).string();
+  if (ec || root.empty())
+    return false;
+  std::string resolved = fs::weakly_canonical(path, ec).string();
+  if (ec)
+    return false;
+  if (root.back() != '/')
+    root += '/';
+  return resolved.size() > root.size() && resolved.compare(0, root.size(), root) == 0;
+}
+
+// The first symbolic link under the folder `dir` (itself excluded), or "".
+std::string firstLinkUnder(const std::string& dir) {
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    if (it->is_symlink(ec))
+      return it->path().string();
+  }
+  return std::string();
+}
+
 // A package file name must stay inside the package.
 bool isSafeRelativePath(const std::string& file) {
   if (file.empty() || file[0] == '/')
@@ -103,26 +157,48 @@ bool isSafeRelativePath(const std::string& file) {
   return true;
 }
 
-bool readZipEntry(zip_t* archive, const std::string& name, std::string* out) {
+// Reads an entry of at most `limit` bytes. The size the archive declares is
+// only a hint: what is read is bounded by the limit and must match it.
+bool readZipEntry(zip_t* archive, const std::string& name, std::string* out, uint64_t limit) {
   zip_stat_t stat;
   zip_stat_init(&stat);
   if (zip_stat(archive, name.c_str(), 0, &stat) != 0 || !(stat.valid & ZIP_STAT_SIZE))
     return false;
+  if (stat.size > limit) {
+    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag,
+                 "%{public}s claims %{public}llu bytes, more than the limit of %{public}llu",
+                 name.c_str(), static_cast<unsigned long long>(stat.size),
+                 static_cast<unsigned long long>(limit));
+    return false;
+  }
   zip_file_t* file = zip_fopen(archive, name.c_str(), 0);
   if (!file)
     return false;
-  out->resize(stat.size);
-  zip_int64_t n = stat.size ? zip_fread(file, out->data(), stat.size) : 0;
+  out->clear();
+  out->reserve(static_cast<size_t>(std::min<uint64_t>(stat.size, 1u << 20)));
+  char piece[64 * 1024];
+  bool ok = true;
+  for (;;) {
+    zip_int64_t n = zip_fread(file, piece, sizeof(piece));
+    if (n < 0 || out->size() + static_cast<uint64_t>(n) > limit) {
+      ok = false;
+      break;
+    }
+    if (n == 0)
+      break;
+    out->append(piece, static_cast<size_t>(n));
+  }
   zip_fclose(file);
-  return n == static_cast<zip_int64_t>(stat.size);
+  return ok && out->size() == stat.size;
 }
 
-bool readFile(const std::string& path, std::string* out) {
+bool readFile(const std::string& path, std::string* out, uint64_t limit) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
     return false;
   struct stat st;
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+            static_cast<uint64_t>(st.st_size) <= limit;
   if (ok) {
     // Straight into the response: no intermediate buffer.
     out->resize(static_cast<size_t>(st.st_size));
@@ -154,12 +230,12 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
       *error = "not a readable zip archive";
       return std::nullopt;
     }
-    if (!readZipEntry(archive, "manifest.json", &manifestText)) {
+    if (!readZipEntry(archive, "manifest.json", &manifestText, kMaxManifestBytes)) {
       zip_close(archive);
       *error = "no manifest.json at the top of the archive";
       return std::nullopt;
     }
-  } else if (!readFile(path + "/manifest.json", &manifestText)) {
+  } else if (!readFile(path + "/manifest.json", &manifestText, kMaxManifestBytes)) {
     *error = "no manifest.json in the folder";
     return std::nullopt;
   }
@@ -168,7 +244,7 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
 
   nlohmann::json manifest;
   try {
-    manifest = nlohmann::json::parse(manifestText);
+    manifest = host::parseJson(manifestText);
   } catch (const std::exception& e) {
     *error = std::string("manifest.json is not JSON: ") + e.what();
     return std::nullopt;
@@ -180,6 +256,11 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
     return std::nullopt;
   }
   package.info.id = manifest["id"];
+  if (!isPlainId(package.info.id)) {
+    *error = "the package id \"" + package.info.id +
+             "\" is not a plain name (letters, digits, '.', '_', '-', not starting with '.')";
+    return std::nullopt;
+  }
   const nlohmann::json& version = manifest.contains("version") ? manifest["version"] : "0";
   package.info.version = version.is_string() ? version.get<std::string>() : version.dump();
   package.info.path = path;
@@ -349,8 +430,28 @@ class Library {
       Job job = std::move(jobs_.front());
       jobs_.pop_front();
       lock.unlock();
-      job.completion(lookup(job.url));
+      answer(job);
       lock.lock();
+    }
+  }
+
+  // Nothing thrown on a worker escapes it: a lookup that fails is answered
+  // as a read failure, a completion that throws is logged.
+  void answer(Job& job) {
+    std::unique_ptr<ResourceResponse> response;
+    try {
+      response = lookup(job.url);
+    } catch (const std::exception& e) {
+      response = std::make_unique<ResourceResponse>();
+      response->error = Error(Error::kReadFailed, std::string("lookup failed: ") + e.what());
+    }
+    try {
+      job.completion(std::move(response));
+    } catch (const std::exception& e) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "a lookup's completion threw: %{public}s",
+                   e.what());
+    } catch (...) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "a lookup's completion threw");
     }
   }
 
@@ -375,11 +476,12 @@ class Library {
       int code = 0;
       zip_t* archive = zip_open(resource->packagePath.c_str(), ZIP_RDONLY, &code);
       if (archive) {
-        read = readZipEntry(archive, resource->file, &response->body);
+        read = readZipEntry(archive, resource->file, &response->body, maxResourceBytes());
         zip_close(archive);
       }
     } else {
-      read = readFile(resource->packagePath + "/" + resource->file, &response->body);
+      read = readFile(resource->packagePath + "/" + resource->file, &response->body,
+                      maxResourceBytes());
     }
     if (!read) {
       OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "cannot read %{public}s from package %{public}s",
@@ -439,12 +541,28 @@ bool PackageManager::install(const std::string& source, std::string* error) {
   std::optional<Package> package = loadPackage(path, &why);
   if (!package)
     return false;
+  if (!package->zipped) {
+    // A link could copy in (and serve) any file of the machine, or loop.
+    std::string link = firstLinkUnder(path);
+    if (!link.empty()) {
+      why = "the package holds a symbolic link, " + link + "; links are not installed";
+      return false;
+    }
+  }
   Library& lib = library();
   std::lock_guard<std::mutex> lock(lib.changeMutex());
   std::error_code ec;
   fs::create_directories(lib.dir(), ec);
   std::string name = package->info.id + (package->zipped ? ".zip" : "");
   std::string staging = lib.dir() + "/." + name + ".installing";
+  const std::string folderTarget = lib.dir() + "/" + package->info.id;
+  const std::string zipTarget = folderTarget + ".zip";
+  for (const std::string& target : {staging, folderTarget, zipTarget}) {
+    if (!isInside(lib.dir(), target)) {
+      why = target + " is not inside the packages folder " + lib.dir();
+      return false;
+    }
+  }
   fs::remove_all(staging, ec);
   if (package->zipped) {
     fs::copy_file(path, staging, ec);
@@ -457,9 +575,9 @@ bool PackageManager::install(const std::string& source, std::string* error) {
     return false;
   }
   // An installed package of the same id, in either form, is replaced.
-  fs::remove_all(lib.dir() + "/" + package->info.id, ec);
-  fs::remove(lib.dir() + "/" + package->info.id + ".zip", ec);
-  fs::rename(staging, lib.dir() + "/" + name, ec);
+  fs::remove_all(folderTarget, ec);
+  fs::remove(zipTarget, ec);
+  fs::rename(staging, package->zipped ? zipTarget : folderTarget, ec);
   if (ec) {
     why = "cannot move the package into place: " + ec.message();
     return false;
@@ -472,10 +590,17 @@ bool PackageManager::install(const std::string& source, std::string* error) {
 
 bool PackageManager::remove(const std::string& id) {
   Library& lib = library();
+  const std::string folder = lib.dir() + "/" + id;
+  const std::string zip = folder + ".zip";
+  if (!isPlainId(id) || !isInside(lib.dir(), folder) || !isInside(lib.dir(), zip)) {
+    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "refusing to remove \"%{public}s\": not a package id",
+                 id.c_str());
+    return false;
+  }
   std::lock_guard<std::mutex> lock(lib.changeMutex());
   std::error_code ec;
-  bool removed = fs::remove_all(lib.dir() + "/" + id, ec) > 0;
-  removed = fs::remove(lib.dir() + "/" + id + ".zip", ec) || removed;
+  bool removed = fs::remove_all(folder, ec) > 0;
+  removed = fs::remove(zip, ec) || removed;
   if (removed)
     lib.swapIndexLocked();
   return removed;

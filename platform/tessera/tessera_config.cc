@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/host_env.h"
+#include "common/json_limits.h"
 #include "hilog/log.h"
 
 namespace tessera {
@@ -32,7 +33,7 @@ using Values = std::map<std::string, std::map<std::string, std::string>>;
 // a list. Throws on a malformed file.
 Values parseValues(const std::string& text) {
   Values values;
-  nlohmann::json root = nlohmann::json::parse(text);
+  nlohmann::json root = host::parseJson(text);
   if (!root.is_object())
     throw std::runtime_error("the top level is not a JSON object");
   for (auto& [ns, entries] : root.items()) {

@@ -235,3 +235,131 @@ TEST_F(StrataCoreTest, PendingLookupsAreAnsweredOnceWhenTheLibraryShutsDown) {
     ++count;
   EXPECT_EQ(count, 10);
 }
+
+// ---- Packages from strangers ----
+
+TEST_F(StrataCoreTest, IdsAreNamesAndNothingOutsideThePackagesFolderIsTouched) {
+  velora_test::TempDir victim;
+  write(fs::path(victim.path()) / "precious.txt", "keep me");
+  const std::string escape = "/../" + fs::path(victim.path()).filename().string();
+  for (const std::string& id : {escape, ".." + escape.substr(3), std::string(".."),
+                                std::string("."), std::string(".hidden"), std::string("a/b")}) {
+    fs::path source = makePackage(sources_.path(), "x", "1", {{"https://a.test/p", "p.txt", "p"}});
+    nlohmann::json manifest = nlohmann::json::parse(std::ifstream(source / "manifest.json"));
+    manifest["id"] = id;
+    write(source / "manifest.json", manifest.dump());
+    std::string error;
+    EXPECT_FALSE(PackageManager::install(source.string(), &error)) << id;
+    EXPECT_NE(error.find("plain name"), std::string::npos) << error;
+  }
+  for (const std::string& id : {std::string(".."), std::string(""), std::string("../x"),
+                                std::string("."), std::string("/"), escape.substr(1)}) {
+    EXPECT_FALSE(PackageManager::remove(id)) << id;
+  }
+  EXPECT_TRUE(fs::exists(fs::path(victim.path()) / "precious.txt"));
+  EXPECT_TRUE(fs::is_directory(installed_.path()));
+  EXPECT_TRUE(fs::is_empty(installed_.path()));
+}
+
+TEST_F(StrataCoreTest, PackagesHoldingLinksAreRefused) {
+  velora_test::TempDir outside;
+  write(fs::path(outside.path()) / "secret.txt", "secret");
+  fs::path linked = makePackage(sources_.path(), "linked", "1", {{"https://a.test/s", "s.txt", ""}});
+  fs::remove(linked / "s.txt");
+  fs::create_symlink(fs::path(outside.path()) / "secret.txt", linked / "s.txt");
+  fs::path looping =
+      makePackage(sources_.path(), "looping", "1", {{"https://a.test/l", "l.txt", "l"}});
+  fs::create_directory_symlink(".", looping / "loop");
+  for (const fs::path& source : {linked, looping}) {
+    std::string error;
+    EXPECT_FALSE(PackageManager::install(source.string(), &error)) << source;
+    EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
+  }
+  EXPECT_TRUE(PackageManager::list().empty());
+  EXPECT_EQ(lookup("https://a.test/s")->error.code(), StrataCore::Error::kNotFound);
+}
+
+namespace {
+
+void putLittleEndian(std::string& bytes, size_t at, uint64_t value, int width) {
+  for (int i = 0; i < width; ++i)
+    bytes[at + i] = static_cast<char>((value >> (8 * i)) & 0xff);
+}
+
+uint16_t readU16(const std::string& bytes, size_t at) {
+  return static_cast<uint16_t>(static_cast<uint8_t>(bytes[at]) |
+                               (static_cast<uint8_t>(bytes[at + 1]) << 8));
+}
+
+// Makes the central directory claim `size` uncompressed bytes for `name`;
+// sizes past 32 bits go into a ZIP64 extra field, as large archives do.
+void claimSize(const fs::path& zip, const std::string& name, uint64_t size) {
+  std::string bytes;
+  {
+    std::ifstream in(zip, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  size_t entry = bytes.find(std::string("PK\x01\x02", 4));
+  while (entry != std::string::npos && bytes.compare(entry + 46, readU16(bytes, entry + 28), name))
+    entry = bytes.find(std::string("PK\x01\x02", 4), entry + 4);
+  ASSERT_NE(entry, std::string::npos);
+  if (size < 0xFFFFFFFFu) {
+    putLittleEndian(bytes, entry + 24, size, 4);
+  } else {
+    putLittleEndian(bytes, entry + 24, 0xFFFFFFFFu, 4);
+    std::string extra(12, '\0');
+    putLittleEndian(extra, 0, 0x0001, 2);
+    putLittleEndian(extra, 2, 8, 2);
+    putLittleEndian(extra, 4, size, 8);
+    size_t extraAt = entry + 46 + readU16(bytes, entry + 28);
+    putLittleEndian(bytes, entry + 30, readU16(bytes, entry + 30) + 12, 2);
+    bytes.insert(extraAt + readU16(bytes, entry + 30) - 12, extra);
+    size_t end = bytes.rfind(std::string("PK\x05\x06", 4));
+    uint32_t directorySize = static_cast<uint32_t>(readU16(bytes, end + 12)) |
+                             (static_cast<uint32_t>(readU16(bytes, end + 14)) << 16);
+    putLittleEndian(bytes, end + 12, directorySize + 12, 4);
+  }
+  std::ofstream(zip, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+}  // namespace
+
+VELORA_CHILD(StrataServesWithinTheConfiguredLimit) {
+  std::string error;
+  if (!PackageManager::install(std::getenv("LIMIT_PACKAGE"), &error))
+    return 10;
+  bool small = !lookup("https://a.test/small")->error;
+  bool large = lookup("https://a.test/large")->error.code() == StrataCore::Error::kReadFailed;
+  return small && large ? 0 : 11;
+}
+
+TEST_F(StrataCoreTest, ArchiveSizesAreBoundedByTheDataAndTheLimit) {
+  fs::path folder = makePackage(sources_.path(), "claims", "1",
+                                {{"https://a.test/huge", "huge.bin", std::string(5000, 'h')},
+                                 {"https://a.test/fine", "fine.txt", "fine"}});
+  for (uint64_t claim : {uint64_t{0xFFFFFFF0u}, uint64_t{1} << 62}) {
+    fs::path zip = zipFolder(folder, fs::path(sources_.path()) / "claims.zip");
+    claimSize(zip, "huge.bin", claim);
+    std::string error;
+    ASSERT_TRUE(PackageManager::install(zip.string(), &error)) << error;
+    EXPECT_EQ(lookup("https://a.test/huge")->error.code(), StrataCore::Error::kReadFailed) << claim;
+    EXPECT_EQ(lookup("https://a.test/fine")->body, "fine");
+  }
+
+  fs::path limited = makePackage(sources_.path(), "limited", "1",
+                                 {{"https://a.test/small", "small.txt", std::string(500, 's')},
+                                  {"https://a.test/large", "large.txt", std::string(2000, 'l')}});
+  EXPECT_EQ(velora_test::runChild("StrataServesWithinTheConfiguredLimit",
+                                  {{"VELORA_PACKAGE_MAX_BYTES", "1000"},
+                                   {"LIMIT_PACKAGE", limited.string()}}),
+            0);
+}
+
+TEST_F(StrataCoreTest, DeeplyNestedManifestsAreRefused) {
+  fs::path source = fs::path(sources_.path()) / "deep";
+  write(source / "manifest.json", "{\"id\":\"deep\",\"resources\":[],\"x\":" +
+                                      std::string(100000, '[') + std::string(100000, ']') + "}");
+  std::string error;
+  EXPECT_FALSE(PackageManager::install(source.string(), &error));
+  EXPECT_NE(error.find("nested"), std::string::npos) << error;
+}

@@ -6,6 +6,7 @@
 #include "log_tags.h"
 #include "tern/string_utils.h"
 #include "tide_logger/log.h"
+#include "utils/json_utils.h"
 
 namespace velora {
 namespace {
@@ -69,7 +70,7 @@ bool FirstChunkStorage::write(const std::shared_ptr<FirstChunkContext>& context)
     nlohmann::json root = nlohmann::json::object();
     std::optional<std::string> stored = STORAGE->get(storageKey_);
     if (stored && !stored->empty())
-      root = nlohmann::json::parse(*stored);
+      root = parseJson(*stored);
     if (context->isEnable()) {
       root[context->getRule()] = {
           {"fcc-enable", true},
@@ -113,7 +114,7 @@ std::shared_ptr<FirstChunkContext> FirstChunkStorage::read(const std::string& ur
       readEntry(storageKey_, "storage key not found").done();
       return nullptr;
     }
-    nlohmann::json root = nlohmann::json::parse(*stored);
+    nlohmann::json root = parseJson(*stored);
     if (!root.is_object())
       throw std::runtime_error("stored value is not a JSON object");
     if (root.empty()) {

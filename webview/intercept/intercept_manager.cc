@@ -11,6 +11,7 @@
 #include "tern/string_utils.h"
 #include "tessera/tessera_config.h"
 #include "tide_logger/log.h"
+#include "utils/json_utils.h"
 
 namespace velora {
 namespace {
@@ -97,7 +98,7 @@ void InterceptManager::loadRuntimeListLocked() {
   if (!stored || stored->empty())
     return;
   try {
-    nlohmann::json urls = nlohmann::json::parse(*stored);
+    nlohmann::json urls = parseJson(*stored);
     for (const auto& url : urls) {
       runtimeUrlList_.push_back(url.get<std::string>());
     }
@@ -195,7 +196,7 @@ void InterceptManager::updateListConfig(const char* event,
     entry.key("enable").value(enableText);
   entry.key("from").value(from).done();
   try {
-    nlohmann::json parsed = nlohmann::json::parse(text);
+    nlohmann::json parsed = parseJson(text);
     if (!parsed.is_array())
       return;  // only an array replaces the list
     std::list<std::string> entries;
@@ -232,7 +233,7 @@ void InterceptManager::updateTesseraConfigFromLocal() {
     if (!stored || stored->empty())
       return;
     // A copy that is not an object has no members: every key reads as empty.
-    nlohmann::json saved = nlohmann::json::parse(*stored);
+    nlohmann::json saved = parseJson(*stored);
     updateTesseraConfig("local", [&saved](const std::string& key) {
       auto it = saved.find(key);
       return (it != saved.end() && it->is_string()) ? it->get<std::string>() : std::string();

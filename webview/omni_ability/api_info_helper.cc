@@ -9,6 +9,7 @@
 #include "tern/string_utils.h"
 #include "tern/uri.h"
 #include "tide_logger/log.h"
+#include "utils/json_utils.h"
 
 namespace velora {
 namespace {
@@ -28,7 +29,7 @@ std::string ApiInfoHelper::getApiInfo(std::string url) {
     std::string field = tern::URI::parseURL(url).getQueryField("api-info");
     if (field.empty())
       return std::string();
-    nlohmann::json requests = nlohmann::json::parse(tern::base64::decode(field));
+    nlohmann::json requests = parseJson(tern::base64::decode(field));
     if (!requests.is_array())
       throw std::invalid_argument("api-info is not an array");
 
