@@ -115,8 +115,7 @@ int build(const std::vector<std::string>& args) {
     files.push_back(relative);
   }
   if (ec) {
-    std::fprintf(stderr, "velora-pack: cannot read %s: %s\n", folder.c_str(),
-                 ec.message().c_str());
+    std::fprintf(stderr, "velora-pack: cannot read %s: %s\n", folder.c_str(), ec.message().c_str());
     return 1;
   }
   std::sort(files.begin(), files.end());

@@ -9,9 +9,9 @@
 #include <zip.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -197,8 +197,8 @@ bool readFile(const std::string& path, std::string* out, uint64_t limit) {
   if (fd < 0)
     return false;
   struct stat st;
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-            static_cast<uint64_t>(st.st_size) <= limit;
+  bool ok =
+      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) <= limit;
   if (ok) {
     // Straight into the response: no intermediate buffer.
     out->resize(static_cast<size_t>(st.st_size));

@@ -178,6 +178,50 @@ TEST(FirstChunkStorage, RecordsOfSeveralRulesShareAKeyAndReadChecksEachRule) {
   EXPECT_FALSE(storedValue(storage.getStorageKey()));
 }
 
+TEST(FirstChunkStorage, ReadTriesRulesInOrderAndSaysWhyNothingCame) {
+  const std::string page = "https://h.example/words?a=1";
+  FirstChunkStorage storage(page);
+  auto store = tern::ICacheService::of("VeloraFirstChunk");
+  tide::LogCapture log;
+  auto lastMsg = [&log] { return log.find("read").back()["fields"].value("msg", std::string()); };
+
+  EXPECT_FALSE(storage.read(page));
+  EXPECT_EQ(lastMsg(), "storage key not found");
+  store->put(storage.getStorageKey(), "{}");
+  EXPECT_FALSE(storage.read(page));
+  EXPECT_EQ(lastMsg(), "specified context empty");
+
+  // "a" matches first but is unusable: read stops there, "b" is not tried.
+  auto recordJson = [](const std::string& html, const std::string& rule, const std::string& url) {
+    return nlohmann::json{{"fcc-enable", true},
+                          {"fcc-html", html},
+                          {"fcc-url-query-rule", rule},
+                          {"fcc-version", "1"},
+                          {"html-byte-size", html.size()},
+                          {"fcc-url", url},
+                          {"fcc-expire-time", 1e15}};
+  };
+  nlohmann::json root = {{"a", recordJson("", "a", "https://h.example/words?a=1")},
+                         {"b", recordJson("<p>b", "b", "https://h.example/words?a=1")}};
+  store->put(storage.getStorageKey(), root.dump());
+  EXPECT_FALSE(storage.read(page));
+  EXPECT_EQ(lastMsg(), "context not valid");
+
+  root.erase("a");
+  root["b"]["fcc-url"] = "https://h.example/words?b=2";
+  store->put(storage.getStorageKey(), root.dump());
+  EXPECT_FALSE(storage.read(page));
+  EXPECT_EQ(log.find("read").at(log.find("read").size() - 2)["fields"]["msg"], "query not match");
+  EXPECT_EQ(lastMsg(), "context not found");
+
+  // Bytes that are not ASCII are stored as they are.
+  const std::string html = "<p>caf\xc3\xa9 \xe4\xb8\xad</p>";
+  store->remove(storage.getStorageKey());
+  ASSERT_TRUE(storage.write(record(page, html)));
+  EXPECT_NE(storedValue(storage.getStorageKey())->find(html), std::string::npos);
+  EXPECT_EQ(storage.read(page)->getHtml(), html);
+}
+
 TEST(FirstChunkStorage, BrokenOrUnusableRecordsAreNeverServed) {
   const std::string page = "https://h.example/broken";
   FirstChunkStorage storage(page);
@@ -283,6 +327,34 @@ TEST(FirstChunkHandler, ACurrentChunkIsSplicedSeamlesslyWhereverThePiecesBreak) 
   }
 }
 
+TEST(FirstChunkHandler, EntriesSayWhereTheSpliceHappened) {
+  const std::string page = "https://h.example/entries";
+  const std::string current = firstChunk("1") + kRest;
+  const size_t cut = firstChunk("1").size() - 5;
+  ASSERT_TRUE(FirstChunkStorage(page).write(record(page, firstChunk("1"))));
+  tide::LogCapture log;
+  visit(page, fccHeaders("1"), split(current, {cut}));
+  auto response = log.find("response", "Velora/first_chunk_handler").at(0)["fields"];
+  EXPECT_EQ(response["code"], 200);
+  EXPECT_EQ(response["head"]["fcc-version"].dump(), R"(["1"])");
+  EXPECT_EQ(response["useFirstChunkCache"], true);
+  EXPECT_EQ(response["needInvalidateCache"], false);
+  EXPECT_EQ(response["responseContextVersion"], "1");
+  EXPECT_EQ(response["cacheContextVersion"], "1");
+  auto after = log.find("dataAfterFcc").at(0)["fields"];
+  EXPECT_EQ(after["fccByteIndex"], 5);
+  EXPECT_EQ(after["offset"], cut);
+  EXPECT_EQ(after["firstChunkHtmlLength"], firstChunk("1").size());
+  EXPECT_EQ(log.find("writeCache").size(), 1u);
+
+  log.clear();
+  visit(page, fccHeaders("2"), {firstChunk("2") + kRest});
+  auto invalidate = log.find("invalidateCache").at(0)["fields"];
+  EXPECT_EQ(invalidate["serverVersion"], "2");
+  EXPECT_EQ(invalidate["cacheVersion"], "1");
+  EXPECT_EQ(log.find("dataAfterFcc").at(0)["fields"]["fccByteIndex"], firstChunk("2").size());
+}
+
 TEST(FirstChunkHandler, AStaleChunkIsUndoneAndReplacedWhereverThePiecesBreak) {
   const std::string page = "https://h.example/stale";
   const std::string live = firstChunk("2") + kRest;
@@ -342,4 +414,7 @@ TEST(FirstChunkHandler, WithoutAUsableChunkTheLiveResponsePassesAndIsStored) {
   auto noMarker = visit(page, fccHeaders("3"), {"<html>no marker here</html>"});
   EXPECT_EQ(noMarker->body, firstChunk("3"));
   EXPECT_EQ(FirstChunkStorage(page).read(page)->getHtml(), firstChunk("3"));
+  auto staleNoMarker = visit(page, fccHeaders("4"), {"<html>no marker here</html>"});
+  EXPECT_EQ(staleNoMarker->body, firstChunk("3"));
+  EXPECT_EQ(FirstChunkStorage(page).read(page)->getVersion(), "3");
 }

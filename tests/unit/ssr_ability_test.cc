@@ -28,6 +28,10 @@ class SsrAbility : public ::testing::Test {
     ASSERT_TRUE(omni::AbilityRegistry::loadAbility("", "SSRAbility"));
     adapter_ = omni::AbilityAdapter::create("velora");
   }
+  void TearDown() override {
+    gantry_ssr::SsrService::setRules({});
+    tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
+  }
 
   omni::ExecuteResult call(const std::string& api,
                            const std::string& pageUrl,
@@ -128,5 +132,16 @@ TEST_F(SsrAbility, PreloadFetchesTheFirstChunkOnlyWhenNeeded) {
       call("preloadFirstChunk", "",
            {{"url", "http://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/fcc/x"}});
   EXPECT_FALSE(failed.isSuccess());
-  gantry_ssr::SsrService::setRules({});
+}
+
+TEST_F(SsrAbility, PreloadReportsTheServersStatusNotTheStoredChunks) {
+  OriginServer origin;
+  gantry_ssr::SsrService::setRules({origin.url("/status/"), origin.url("/fcc/")});
+  tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(true);
+  const std::string page = origin.url("/status/503");
+  ASSERT_TRUE(call("setFirstChunkCache", page, {{"html", "<p>stored</p>"}}).isSuccess());
+  auto forced = call("preloadFirstChunk", "", {{"url", page}, {"forceUpdate", true}});
+  ASSERT_TRUE(forced.isSuccess()) << forced.getMessage();
+  EXPECT_EQ(forced.getData()["status"], 503);
+  EXPECT_EQ(forced.getStatusCode(), 503);
 }

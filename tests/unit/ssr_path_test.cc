@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "bound_page.h"
+#include "first_chunk/first_chunk_context.h"
 #include "first_chunk/first_chunk_handler.h"
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/first_chunk_storage.h"
@@ -54,6 +55,10 @@ class SsrPath : public ::testing::Test {
   void TearDown() override {
     gantry_ssr::SsrService::setRules({});
     setFcc(false);
+    velora::SSRClientInfo::setWidth(0);
+    velora::SSRClientInfo::setHeight(0);
+    velora::SSRClientInfo::setSafeAreaHeight(0);
+    velora::SSRClientInfo::setDeviceRatio(0);
   }
 
   // The first chunk and the whole page the origin renders for NAME at VERSION.
@@ -205,6 +210,35 @@ TEST_F(SsrPath, AnExpiredRecordIsRemovedAndNotServed) {
   EXPECT_TRUE(velora_test::headerValues(second.headers, "x-first-chunk-cache").empty());
   EXPECT_EQ(log.find("remove", "Velora/first_chunk_storage").size(), 1u);
   EXPECT_EQ(cacheTypes(), (std::vector<int>{0, 3}));
+}
+
+TEST_F(SsrPath, GatewayFailuresReachTheEngineAsFailed) {
+  const std::string refused =
+      "http://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/fcc/";
+  gantry_ssr::SsrService::setRules({refused});
+  BoundPage page("ssr");
+  tide::LogCapture log;
+  setFcc(false);
+  LoadResult plain = page.load(refused + "down");
+  EXPECT_EQ(plain.error, ARKWEB_ERR_FAILED);
+
+  // With a stored chunk the engine already has a 200 and the chunk: the
+  // failure still ends the load.
+  setFcc(true);
+  auto record = std::make_shared<velora::FirstChunkContext>();
+  record->setEnable(true);
+  record->setUrl(refused + "down");
+  record->setHtml(chunk("down", "1"));
+  record->setExpiredTime(tern::currentTimeMillis() + 60000.0);
+  ASSERT_TRUE(FirstChunkStorage(refused + "down").write(record));
+  LoadResult served = page.load(refused + "down");
+  EXPECT_EQ(served.error, ARKWEB_ERR_FAILED);
+  EXPECT_EQ(served.status, 200);
+  EXPECT_EQ(served.body, chunk("down", "1"));
+  auto error = log.find("error", "Velora/first_chunk_handler").at(0)["fields"];
+  EXPECT_EQ(error["useFirstChunkCache"], true);
+  EXPECT_NE(error["code"], 0);
+  EXPECT_FALSE(error["msg"].get<std::string>().empty());
 }
 
 TEST_F(SsrPath, TheSwitchDecidesForTheNextRequest) {

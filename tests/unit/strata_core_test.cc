@@ -264,7 +264,8 @@ TEST_F(StrataCoreTest, IdsAreNamesAndNothingOutsideThePackagesFolderIsTouched) {
 TEST_F(StrataCoreTest, PackagesHoldingLinksAreRefused) {
   velora_test::TempDir outside;
   write(fs::path(outside.path()) / "secret.txt", "secret");
-  fs::path linked = makePackage(sources_.path(), "linked", "1", {{"https://a.test/s", "s.txt", ""}});
+  fs::path linked =
+      makePackage(sources_.path(), "linked", "1", {{"https://a.test/s", "s.txt", ""}});
   fs::remove(linked / "s.txt");
   fs::create_symlink(fs::path(outside.path()) / "secret.txt", linked / "s.txt");
   fs::path looping =
@@ -349,9 +350,9 @@ TEST_F(StrataCoreTest, ArchiveSizesAreBoundedByTheDataAndTheLimit) {
   fs::path limited = makePackage(sources_.path(), "limited", "1",
                                  {{"https://a.test/small", "small.txt", std::string(500, 's')},
                                   {"https://a.test/large", "large.txt", std::string(2000, 'l')}});
-  EXPECT_EQ(velora_test::runChild("StrataServesWithinTheConfiguredLimit",
-                                  {{"VELORA_PACKAGE_MAX_BYTES", "1000"},
-                                   {"LIMIT_PACKAGE", limited.string()}}),
+  EXPECT_EQ(velora_test::runChild(
+                "StrataServesWithinTheConfiguredLimit",
+                {{"VELORA_PACKAGE_MAX_BYTES", "1000"}, {"LIMIT_PACKAGE", limited.string()}}),
             0);
 }
 

@@ -5,6 +5,7 @@
 #include "first_chunk/first_chunk_handler.h"
 #include "first_chunk/first_chunk_storage.h"
 #include "log_tags.h"
+#include "network/ssr_chunked_cache_request_callback.h"
 #include "omni_ability/api_info_helper.h"
 #include "prefetch/prefetch_network.h"
 #include "tern/executor_service.h"
@@ -20,20 +21,30 @@ omni::ExecuteResult urlEmpty() {
   return omni::ExecuteResult::error("INVALID_PARAM", "url empty");
 }
 
-// The outcome of a first-chunk preload. The prefetch that fetches it is
+// Receives a first-chunk preload and answers the operation. The prefetch is
 // never consumed by a page, so it is removed when it ends; its id is known
-// only once startPrefetch returns, which may be after the end.
-class PreloadOutcome {
+// only once startPrefetch returns, which may be after the end. The status is
+// the server's: when a stored chunk was served first, the engine-facing 200
+// is not it.
+class PreloadOutcome : public NetRequestCallBack, public SSRChunkedCacheRequestCallBack {
  public:
   PreloadOutcome(std::string url, omni::Ability::Callback callback)
       : url_(std::move(url)), callback_(std::move(callback)) {}
 
-  void onResponse(int status) { status_ = status; }
-  void onFinish() {
+  void onResponse(int status, const HeaderMultimap&) override {
+    if (!netStatus_)
+      status_ = status;
+  }
+  void onNetResponse(int status, const HeaderMultimap&) override {
+    netStatus_ = true;
+    status_ = status;
+  }
+  void onData(const unsigned char*, unsigned long) override {}
+  void onFinish() override {
     bool stored = FirstChunkStorage(url_).read(url_) != nullptr;
     end(omni::ExecuteResult::success({{"status", status_}, {"stored", stored}}, status_));
   }
-  void onError(int code, const std::string& message) {
+  void onError(int code, ArkWeb_NetError, const std::string& message) override {
     end(omni::ExecuteResult::error(std::to_string(code), message, status_));
   }
   void started(const std::string& id) {
@@ -62,7 +73,10 @@ class PreloadOutcome {
 
   const std::string url_;
   const omni::Ability::Callback callback_;
-  int status_ = 0;  // written and read on the carrier's thread
+  // Written and read on the carrier's thread (or the sending one, for a
+  // stored chunk served before the call).
+  int status_ = 0;
+  bool netStatus_ = false;
   std::mutex mutex_;
   std::string id_;
   bool ended_ = false;
@@ -102,14 +116,9 @@ void SSRAbility::preloadFirstChunk(std::shared_ptr<omni::AbilityContext>,
   auto request = std::make_shared<PrefetchRequest>(params.url);
   request->setMethod(params.method);
   request->setJustFirstChunk(true);
+  // The registry's listener holds the outcome until the prefetch is removed.
   auto outcome = std::make_shared<PreloadOutcome>(params.url, std::move(callback));
-  std::string id = PrefetchNetwork::startPrefetch(
-      request, [outcome](int status, const HeaderMultimap&) { outcome->onResponse(status); },
-      nullptr, [outcome] { outcome->onFinish(); },
-      [outcome](int code, ArkWeb_NetError, const std::string& message) {
-        outcome->onError(code, message);
-      });
-  outcome->started(id);
+  outcome->started(PrefetchNetwork::startPrefetch(request, outcome));
 }
 
 void SSRAbility::setFirstChunkCache(std::shared_ptr<omni::AbilityContext> context,

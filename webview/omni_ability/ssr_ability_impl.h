@@ -25,7 +25,9 @@ class SSRAbility : public omni_idl::ISSRAbility {
   void preloadFirstChunk(std::shared_ptr<omni::AbilityContext> context,
                          const omni_idl::SSRPreloadFirstChunkParams& params,
                          Callback callback) override;
-  // Writes the chunk of the context's page (in the background).
+  // Writes the chunk of the context's page (in the background). A page with
+  // no record gets a new, enabled one under the query rule its URL names
+  // (fcc_match_query), or the empty rule: the caller vouches for the chunk.
   void setFirstChunkCache(std::shared_ptr<omni::AbilityContext> context,
                           const omni_idl::SSRSetFCCParams& params,
                           Callback callback) override;
