@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstring>
 #include <thread>
 #include <unordered_map>
 
+#include "common/host_env.h"
 #include "hilog/log.h"
 
 namespace flume {
@@ -17,6 +19,33 @@ namespace {
 
 constexpr char kTag[] = "flume";
 constexpr long kBufferSize = 256 * 1024;
+// Connections to one host at once, as browsers keep them; later requests to
+// that host wait for one to free up.
+constexpr long kMaxHostConnections = 6;
+
+long envMs(const char* name, long fallback) {
+  std::string text = host::envOr(name, "");
+  char* end = nullptr;
+  long value = text.empty() ? -1 : std::strtol(text.c_str(), &end, 10);
+  return value >= 0 && end && *end == '\0' ? value : fallback;
+}
+
+// RFC 9110 token: a method or a field name.
+bool isToken(const std::string& text) {
+  if (text.empty())
+    return false;
+  for (unsigned char c : text) {
+    bool tchar = std::isalnum(c) || std::strchr("!#$%&'*+-.^_`|~", c);
+    if (!tchar || c == 0)
+      return false;
+  }
+  return true;
+}
+
+// A field value may not end its line early or smuggle another.
+bool isFieldValue(const std::string& text) {
+  return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
+}
 
 // libcurl (and the TLS library under it) is set up once, when this library
 // loads, on the loading thread: set up from a worker thread, its per-thread
@@ -140,21 +169,27 @@ class SessionCore {
     }
     multi_ = curl_multi_init();
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
     thread_ = std::thread([this] { loop(); });
   }
 
-  ~SessionCore() {
+  ~SessionCore() { shutdown(); }
+
+  // Stops the event thread for good; transfers still running are dropped
+  // without events (their listeners may belong to objects already gone) and
+  // kept reachable. Later sends and cancels do nothing. Idempotent.
+  void shutdown() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_)
+        return;
       stopping_ = true;
     }
     curl_multi_wakeup(multi_);
-    thread_.join();
-    for (auto& [id, transfer] : live_) {
+    if (thread_.joinable())
+      thread_.join();
+    for (auto& [id, transfer] : live_)
       curl_multi_remove_handle(multi_, transfer->easy);
-      destroy(transfer);
-    }
-    curl_multi_cleanup(multi_);
   }
 
   void send(const std::shared_ptr<FLHttpRequest>& request, IFLHttpSessionListener* listener) {
@@ -168,6 +203,11 @@ class SessionCore {
 
   void cancel(const std::shared_ptr<FLHttpRequest>& request) {
     post({Command::kCancel, nullptr, 0, request.get()});
+  }
+
+  void setDefaultTimeouts(long connectMs, long idleMs) {
+    connectTimeoutMs_ = connectMs;
+    idleTimeoutMs_ = idleMs;
   }
 
  private:
@@ -198,6 +238,14 @@ class SessionCore {
   void post(Command command) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_) {
+        if (command.kind == Command::kAdd) {
+          OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "request to %{public}s dropped: shutting down",
+                       command.transfer->request->getURLString().c_str());
+          delete command.transfer;
+        }
+        return;
+      }
       commands_.push_back(command);
     }
     curl_multi_wakeup(multi_);
@@ -252,10 +300,25 @@ class SessionCore {
     }
   }
 
+  // Fails a transfer before it goes out.
+  void refuse(Transfer* transfer, const std::string& why) {
+    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "request to %{public}s refused: %{public}s",
+                 transfer->request->getURLString().c_str(), why.c_str());
+    std::strncpy(transfer->error, why.c_str(), CURL_ERROR_SIZE - 1);
+    complete(transfer, CURLE_BAD_FUNCTION_ARGUMENT, /*removed=*/true);
+  }
+
   void start(Transfer* transfer) {
     FLHttpRequest& request = *transfer->request;
     CURL* easy = curl_easy_init();
     transfer->easy = easy;
+    // An empty method is a GET; anything else must be a token, or a CR/LF
+    // in it would end the request line early.
+    const std::string method = request.getMethod().empty() ? "GET" : request.getMethod();
+    if (!isToken(method)) {
+      refuse(transfer, "the method is not a token");
+      return;
+    }
     curl_easy_setopt(easy, CURLOPT_URL, request.getURLString().c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -263,23 +326,31 @@ class SessionCore {
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);   // the caller follows redirects
     curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");  // every encoding curl decodes
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kBufferSize);
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, 30000L);
-    if (request.getIdleTimeoutMs() > 0) {
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_.load());
+    // Idle: no byte moved for this long (before or during the response).
+    long idleMs =
+        request.getIdleTimeoutMs() > 0 ? request.getIdleTimeoutMs() : idleTimeoutMs_.load();
+    if (idleMs > 0) {
       curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
-                       std::max(1L, (request.getIdleTimeoutMs() + 999) / 1000));
+      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, std::max(1L, (idleMs + 999) / 1000));
     }
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &SessionCore::onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &SessionCore::onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer);
 
-    const std::string& method = request.getMethod();
     curl_off_t uploadSize = -1;  // unknown: sent chunked
     for (const auto& [name, value] : request.getHeadFields()) {
+      if (!isToken(name) || !isFieldValue(value)) {
+        // Left out, never sent: a CR or LF would let it add lines of its own.
+        OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
+                     "header left out of the request to %{public}s: its name is not a token or "
+                     "its value holds CR, LF or NUL",
+                     request.getURLString().c_str());
+        continue;
+      }
       // curl sends its own Accept-Encoding (it decodes what it asks for) and
       // its own Content-Length; a caller's length sizes the upload instead.
       if (sameName(name, "Accept-Encoding"))
@@ -464,15 +535,23 @@ class SessionCore {
   bool stopping_ = false;          // guarded by mutex_
   std::atomic<uint64_t> nextId_{1};
   std::unordered_map<uint64_t, Transfer*> live_;  // event thread only
+  std::atomic<long> connectTimeoutMs_{envMs("VELORA_CONNECT_TIMEOUT_MS", 30000)};
+  std::atomic<long> idleTimeoutMs_{envMs("VELORA_IDLE_TIMEOUT_MS", 60000)};
 };
 
 FLHttpSession::FLHttpSession(std::unique_ptr<SessionCore> core) : core_(std::move(core)) {}
 FLHttpSession::~FLHttpSession() = default;
 
 std::shared_ptr<FLHttpSession> FLHttpSession::getSession() {
-  static std::shared_ptr<FLHttpSession> session =
-      std::make_shared<FLHttpSession>(std::make_unique<SessionCore>());
-  return session;
+  // Never destroyed: requests are still released (and cancelled) while the
+  // process exits. Its event thread stops at exit before the objects made
+  // before the session are destroyed, so no event reaches one of them then.
+  static std::shared_ptr<FLHttpSession>* session = new std::shared_ptr<FLHttpSession>(
+      std::make_shared<FLHttpSession>(std::make_unique<SessionCore>()));
+  static struct StopAtExit {
+    ~StopAtExit() { (*session)->core_->shutdown(); }
+  } stopAtExit;
+  return *session;
 }
 
 void FLHttpSession::send(const std::shared_ptr<FLHttpRequest>& request,
@@ -487,6 +566,10 @@ void FLHttpSession::send(const std::shared_ptr<FLHttpRequest>& request,
 void FLHttpSession::cancel(const std::shared_ptr<FLHttpRequest>& request) {
   if (request)
     core_->cancel(request);
+}
+
+void FLHttpSession::setDefaultTimeouts(long connectMs, long idleMs) {
+  core_->setDefaultTimeouts(connectMs, idleMs);
 }
 
 }  // namespace flume

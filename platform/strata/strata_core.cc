@@ -370,29 +370,35 @@ class Library {
       workers_.emplace_back([this] { work(); });
   }
 
-  ~Library() {
+  // Stops the workers for good and answers what was still queued "shutting
+  // down"; later lookups are answered so at once. Idempotent.
+  void shutdown() {
     std::deque<Job> left;
     {
       std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_)
+        return;
       stopping_ = true;
       left.swap(jobs_);
     }
     wake_.notify_all();
     for (auto& worker : workers_)
       worker.join();
-    for (Job& job : left) {
-      auto response = std::make_unique<ResourceResponse>();
-      response->error = Error(Error::kShuttingDown, "the offline cache is shutting down");
-      job.completion(std::move(response));
-    }
+    for (Job& job : left)
+      answerShuttingDown(job);
   }
 
   void submit(const ResourceRequest& request, Completion completion) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      jobs_.push_back({request.url(), std::move(completion)});
+      if (!stopping_) {
+        jobs_.push_back({request.url(), std::move(completion)});
+        wake_.notify_one();
+        return;
+      }
     }
-    wake_.notify_one();
+    Job job{request.url(), std::move(completion)};
+    answerShuttingDown(job);
   }
 
   void setPaused(bool paused) {
@@ -445,6 +451,16 @@ class Library {
       response = std::make_unique<ResourceResponse>();
       response->error = Error(Error::kReadFailed, std::string("lookup failed: ") + e.what());
     }
+    complete(job, std::move(response));
+  }
+
+  void answerShuttingDown(Job& job) {
+    auto response = std::make_unique<ResourceResponse>();
+    response->error = Error(Error::kShuttingDown, "the offline cache is shutting down");
+    complete(job, std::move(response));
+  }
+
+  void complete(Job& job, std::unique_ptr<ResourceResponse> response) {
     try {
       job.completion(std::move(response));
     } catch (const std::exception& e) {
@@ -507,9 +523,15 @@ class Library {
   std::vector<std::thread> workers_;
 };
 
+// Never destroyed: lookups may still be submitted while the process exits.
+// The workers stop at exit before the objects made before the library are
+// destroyed.
 Library& library() {
-  static Library instance;
-  return instance;
+  static Library* instance = new Library;
+  static struct StopAtExit {
+    ~StopAtExit() { instance->shutdown(); }
+  } stopAtExit;
+  return *instance;
 }
 
 }  // namespace

@@ -23,6 +23,8 @@
 //   /fcc/NAME?...                a server-rendered page with a first chunk (see renderFcc)
 //   /__count?path=P              how many requests reached path P so far
 //   /__seen?path=P               the request headers of the last request to path P
+//   /__sent?path=P               body bytes written so far to requests of path P
+//   /__connections               connections open now
 const http = require('node:http');
 const crypto = require('node:crypto');
 const fs = require('node:fs');
@@ -32,6 +34,8 @@ const zlib = require('node:zlib');
 const SITE = path.join(__dirname, 'site');
 const counts = new Map();
 const seen = new Map();
+const sentBytes = new Map();
+let server = null;
 const FCC_MARKER = '<div><!--fcc--></div>';
 
 function pattern(offset, size) {
@@ -43,16 +47,22 @@ function pattern(offset, size) {
 const MIME = { '.html': 'text/html; charset=utf-8', '.css': 'text/css', '.js': 'text/javascript',
   '.json': 'application/json', '.png': 'image/png', '.svg': 'image/svg+xml', '.txt': 'text/plain' };
 
+// Writes stop when the client goes away; what was written is counted by path.
 function sendPattern(res, size, chunk, delay, extraHeaders = {}) {
   res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': size,
     ...extraHeaders });
   let sent = 0;
   const piece = chunk > 0 ? chunk : 256 * 1024;
+  const countPath = res.req ? new URL(res.req.url, 'http://origin').pathname : '';
+  let gone = false;
+  res.on('close', () => { gone = true; });
   const writeMore = () => {
     while (sent < size) {
+      if (gone) return undefined;
       const n = Math.min(piece, size - sent);
       const ok = res.write(pattern(sent, n));
       sent += n;
+      sentBytes.set(countPath, (sentBytes.get(countPath) || 0) + n);
       if (delay > 0 && sent < size) return setTimeout(writeMore, delay);
       if (!ok) return res.once('drain', writeMore);
     }
@@ -219,6 +229,14 @@ function handle(req, res) {
     case '__seen':
       res.writeHead(200, { 'Content-Type': 'application/json' });
       return res.end(JSON.stringify(seen.get(q.get('path')) || null));
+    case '__sent':
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify({ bytes: sentBytes.get(q.get('path')) || 0 }));
+    case '__connections':
+      return server.getConnections((error, count) => {
+        res.writeHead(200, { 'Content-Type': 'application/json' });
+        res.end(JSON.stringify({ count: error ? -1 : count }));
+      });
     case '__count':
       res.writeHead(200, { 'Content-Type': 'application/json' });
       return res.end(JSON.stringify({ count: counts.get(q.get('path')) || 0 }));
@@ -234,7 +252,7 @@ function main() {
     const i = args.indexOf(name);
     return i >= 0 ? Number(args[i + 1]) : fallback;
   };
-  const server = http.createServer(handle);
+  server = http.createServer(handle);
   server.keepAliveTimeout = 30000;
   server.headersTimeout = 31000;
   server.listen(arg('--port', 0), '127.0.0.1', () => {

@@ -1,11 +1,15 @@
 // The HTTP carrier library against the local origin: what a listener sees.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <future>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "flume/flume.h"
 #include "origin_server.h"
+#include "test_support.h"
 
 using velora_test::fetch;
 using velora_test::FetchResult;
@@ -140,4 +144,67 @@ TEST(FlumeSession, CancelEndsATransferWithAnAbortError) {
   canceller.join();
   EXPECT_EQ(result.errorCode, 42);
   EXPECT_EQ(result.events.back(), 'E');
+}
+
+TEST(FlumeSession, FieldsAndMethodsThatCouldSmuggleLinesNeverReachTheWire) {
+  OriginServer origin;
+  auto request = flume::FLHttpRequest::create(origin.url("/headers"));
+  request->setHeadField("X-Plain", "ok");
+  request->setHeadField("X-Split", "a\r\nX-Injected: 1");
+  request->setHeadField("X-Bare\nX-Injected", "2");
+  request->setHeadField("X-Nul", std::string("a\0X-Injected: 3", 16));
+  FetchResult sent = fetch(request);
+  ASSERT_EQ(sent.status, 200);
+  auto seen = nlohmann::json::parse(sent.body);
+  EXPECT_EQ(seen["x-plain"], "ok");
+  for (const char* name : {"x-split", "x-bare", "x-nul", "x-injected"})
+    EXPECT_FALSE(seen.contains(name)) << name;
+
+  auto smuggling = flume::FLHttpRequest::create(origin.url("/echo"));
+  smuggling->setMethod("GET /echo HTTP/1.1\r\nX-Injected: 1\r\n\r\nGET");
+  FetchResult refused = fetch(smuggling);
+  EXPECT_EQ(refused.errorCode, 43);
+  EXPECT_EQ(refused.events.back(), 'E');
+  EXPECT_EQ(origin.count("/echo"), 0);
+
+  auto unnamed = flume::FLHttpRequest::create(origin.url("/echo"));
+  unnamed->setMethod("");
+  EXPECT_EQ(nlohmann::json::parse(fetch(unnamed).body)["method"], "GET");
+}
+
+TEST(FlumeSession, AStalledRequestDoesNotHoldUpTheNextToTheSameHost) {
+  OriginServer origin;
+  std::vector<std::shared_ptr<flume::FLHttpRequest>> stalled;
+  std::vector<std::future<FetchResult>> pending;
+  for (int i = 0; i < 3; ++i) {
+    stalled.push_back(flume::FLHttpRequest::create(origin.url("/stall?after=10")));
+    pending.push_back(std::async(std::launch::async, [&, i] { return fetch(stalled[i]); }));
+  }
+  ASSERT_TRUE(velora_test::waitFor([&] { return origin.count("/stall") == 3; }));
+  auto quick = std::async(std::launch::async, [&] { return fetch(origin.url("/bytes/10")); });
+  bool answered = quick.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  for (const auto& request : stalled)
+    flume::FLHttpSession::getSession()->cancel(request);
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(quick.get().status, 200);
+  for (auto& each : pending)
+    EXPECT_EQ(each.get().errorCode, 42);
+}
+
+TEST(FlumeSession, SilentServersEndInOneErrorAfterTheIdleTimeout) {
+  OriginServer origin;
+  auto session = flume::FLHttpSession::getSession();
+  session->setDefaultTimeouts(2000, 1000);
+  for (const char* path : {"/stall?after=100", "/delay?ms=20000"}) {
+    auto start = std::chrono::steady_clock::now();
+    FetchResult result = fetch(origin.url(path));
+    EXPECT_EQ(result.errorCode, 28) << path;
+    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), 'E'), 1) << path;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << path;
+  }
+  // A request's own idle timeout wins over the session's.
+  auto patient = flume::FLHttpRequest::create(origin.url("/delay?ms=1500"));
+  patient->setIdleTimeoutMs(5000);
+  EXPECT_EQ(fetch(patient).status, 200);
+  session->setDefaultTimeouts(30000, 60000);
 }

@@ -60,6 +60,16 @@ int OriginServer::count(const std::string& path) const {
   return nlohmann::json::parse(result.body).at("count").get<int>();
 }
 
+int64_t OriginServer::sentBytes(const std::string& path) const {
+  FetchResult result = fetch(url("/__sent?path=" + path));
+  return nlohmann::json::parse(result.body).at("bytes").get<int64_t>();
+}
+
+int OriginServer::connections() const {
+  FetchResult result = fetch(url("/__connections"));
+  return nlohmann::json::parse(result.body).at("count").get<int>();
+}
+
 std::string patternBytes(size_t offset, size_t size) {
   std::string bytes(size, '\0');
   for (size_t i = 0; i < size; ++i)

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,6 +24,10 @@ class OriginServer {
   std::string url(const std::string& path) const;
   // How many requests reached `path` so far.
   int count(const std::string& path) const;
+  // Body bytes written to requests of `path` so far (/bytes and /delay).
+  int64_t sentBytes(const std::string& path) const;
+  // Connections open now (the one asking included).
+  int connections() const;
 
  private:
   pid_t pid_ = -1;

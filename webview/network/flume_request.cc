@@ -9,6 +9,10 @@ namespace velora {
 FlumeRequest::~FlumeRequest() {
   OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, log_tags::kFlumeRequest,
                "%{public}s:~FlumeRequest destructor", logId().c_str());
+  // Nobody is left to read what is still on its way: the transfer stops (a
+  // no-op once it has ended).
+  if (sent_)
+    flume::FLHttpSession::getSession()->cancel(request_);
 }
 
 void FlumeRequest::setUrl(const std::string& url) {
@@ -41,6 +45,7 @@ void FlumeRequest::setRequestBodyData(const unsigned char* data, int length, boo
 void FlumeRequest::sendRequest() {
   auto* listener = new FlumeRequestListener(requestCallBack());
   flume::FLHttpSession::getSession()->send(request_, listener);
+  sent_ = true;
 }
 
 }  // namespace velora

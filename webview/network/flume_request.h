@@ -22,13 +22,14 @@ class FlumeRequest : public NetRequest {
   // Each call sends the request once more with a listener of its own.
   void sendRequest() override;
   // An HTTP request runs to its end once sent; its results are dropped when
-  // the receiver is gone.
+  // the receiver is gone. Destroying the request stops its transfer.
   void cancel() override {}
   std::string name() override { return "FlumeRequest"; }
 
  private:
   std::shared_ptr<flume::FLHttpRequest> request_;  // null until setUrl
   std::shared_ptr<flume::FLDataStream> stream_;    // null until createRequestBody
+  bool sent_ = false;
 };
 
 }  // namespace velora

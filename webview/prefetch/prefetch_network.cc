@@ -114,6 +114,16 @@ bool PrefetchNetwork::consumePrefetch(const std::string& id,
   return cache && cache->consume(std::move(callback));
 }
 
+std::shared_ptr<void> PrefetchNetwork::keepAlive(const std::string& id) {
+  struct Hold {
+    std::shared_ptr<NetRequest> request;
+    std::shared_ptr<NetRequestCallBack> listener;
+  };
+  auto hold = std::make_shared<Hold>(
+      Hold{find(PREFETCH_REQUEST_POOL, id), find(PREFETCH_REQUEST_CALLBACK_POOL, id)});
+  return hold->request && hold->listener ? hold : nullptr;
+}
+
 bool PrefetchNetwork::removePrefetch(const std::string& id) {
   // Released after each map's lock: their destructors may reach the registry.
   bool removed = take(PREFETCH_CACHE_POOL, id) != nullptr;

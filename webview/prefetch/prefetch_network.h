@@ -33,8 +33,14 @@ class PrefetchNetwork {
   // Hands the recording, then the live rest, to `callback`: true for the
   // first consumer of a registered id only.
   static bool consumePrefetch(const std::string& id, std::shared_ptr<NetRequestCallBack> callback);
-  // Forgets `id`; true when it was registered. Nothing is cancelled.
+  // Forgets `id`; true when it was registered. The transfer goes on only as
+  // long as something else holds it (a page that claimed it, see keepAlive):
+  // otherwise it stops.
   static bool removePrefetch(const std::string& id);
+  // Holds the prefetch's request and the listener that records it, so that a
+  // page that claims it keeps receiving it after the id is removed. Empty
+  // for an unknown id.
+  static std::shared_ptr<void> keepAlive(const std::string& id);
   // The web engine's cookie for `url`, through "@ohos.web.webview". Script
   // thread of `env` only.
   static std::string getCookieFromNapi(napi_env env, const std::string& url);

@@ -25,10 +25,15 @@ template <typename Params, typename Forward>
 void PrefetchRequestCache::recordOrForward(PrefetchCacheEventType type,
                                            Params params,
                                            Forward forward) {
+  // After the last event the consumer is let go, outside the lock: it may
+  // hold this cache through the prefetch it claimed.
+  std::shared_ptr<NetRequestCallBack> ended;
   std::lock_guard<std::mutex> lock(mutex_);
   if (hasConsumed_) {
     if (consumer_)
       forward(*consumer_);
+    if (type == FINISH || type == ERROR)
+      ended = std::move(consumer_);
     return;
   }
   events_.push_back(std::make_shared<PrefetchCacheEvent>(type, params()));
@@ -82,6 +87,7 @@ unsigned long PrefetchRequestCache::recordedBytes() {
 
 bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback) {
   logEvent("consumePrefetch");
+  std::shared_ptr<NetRequestCallBack> ended;  // let go outside the lock, as above
   std::lock_guard<std::mutex> lock(mutex_);
   bool wasConsumed = hasConsumed_;
   if (!wasConsumed) {
@@ -90,7 +96,10 @@ bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback)
     while (!events_.empty()) {
       // A bad parameter throws out of here and leaves the event at the front.
       replay(*events_.front());
+      PrefetchCacheEventType type = events_.front()->getEventType();
       events_.pop_front();
+      if (type == FINISH || type == ERROR)
+        ended = std::move(consumer_);
     }
     recordedBytes_ = 0;
   }

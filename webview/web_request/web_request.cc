@@ -148,7 +148,12 @@ bool WebRequest::checkPrefetchUrl() {
     return false;
   if (weak_from_this().expired())
     return false;
-  return PrefetchNetwork::consumePrefetch(webInfo_->prefetchId, shared_from_this());
+  // Held before the claim: a removal between the two cannot cut it off.
+  std::shared_ptr<void> hold = PrefetchNetwork::keepAlive(webInfo_->prefetchId);
+  if (!PrefetchNetwork::consumePrefetch(webInfo_->prefetchId, shared_from_this()))
+    return false;
+  prefetchHold_ = std::move(hold);
+  return true;
 }
 
 void WebRequest::logPrefetchHit() {

@@ -38,8 +38,12 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   // Decides where the answer comes from and starts it. Once, on the engine's
   // scheme-handler thread, right after the object is attached to the request.
   void CoreStart();
-  // The engine's stop callback: only marks the object stopped.
-  void CoreStop() { stopped_ = true; }
+  // The engine's stop callback: marks the object stopped, and lets go of a
+  // claimed prefetch's transfer (which stops once nothing else holds it).
+  void CoreStop() {
+    stopped_ = true;
+    prefetchHold_.reset();
+  }
   // Releases the outgoing request.
   void netStop();
   void netStart() {}
@@ -107,6 +111,9 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   // Read and cleared from the carrier's and the engine's threads.
   std::shared_ptr<NetRequest> netRequest_;
   std::shared_ptr<WebInfo> webInfo_;
+  // The claimed prefetch's request and listener, from the claim to the stop:
+  // removing the prefetch meanwhile does not cut this page off.
+  std::shared_ptr<void> prefetchHold_;
   const uint64_t id_;
   const std::string tag_;  // "[webTag|id]", the id of every log entry
 };

@@ -70,7 +70,7 @@ class FLHttpRequest : public FLHttpMessage {
   const std::string& getMethod() const { return method_; }
   void setBodyStream(std::shared_ptr<FLDataStream>& stream) { body_ = stream; }
   const std::shared_ptr<FLDataStream>& getBodyStream() const { return body_; }
-  // Gives up when no byte moved for this long; 0 = never (the default).
+  // Gives up when no byte moved for this long; 0 = the session's default.
   void setIdleTimeoutMs(long ms) { idleTimeoutMs_ = ms; }
   long getIdleTimeoutMs() const { return idleTimeoutMs_; }
 
@@ -185,8 +185,20 @@ class FLHttpSession {
   // code 42 (aborted). Any thread; a no-op for an ended transfer.
   void cancel(const std::shared_ptr<FLHttpRequest>& request);
 
+  // Host configuration for transfers started from now on: giving up on a
+  // connection after `connectMs`, and on a transfer when no byte moved for
+  // `idleMs` (0: never). Defaults: $VELORA_CONNECT_TIMEOUT_MS (30 s) and
+  // $VELORA_IDLE_TIMEOUT_MS (60 s). A request that fails so gets one Error
+  // (code 28). Methods and head fields that are not tokens, and values
+  // holding CR, LF or NUL, never reach the wire: the field is left out, the
+  // request with such a method fails (code 43); an empty method is a GET.
+  void setDefaultTimeouts(long connectMs, long idleMs);
+
   explicit FLHttpSession(std::unique_ptr<SessionCore> core);
   ~FLHttpSession();
+
+  // The process-wide session stops its thread when the process exits; from
+  // then on send and cancel do nothing.
 
  private:
   std::unique_ptr<SessionCore> core_;
