@@ -84,11 +84,11 @@ class Load;
 TaskRunner& ioThread();
 TaskRunner& workerThread();
 
-// Engine-allocated strings, released by the app with OH_ArkWeb_ReleaseString.
-// `owner` is the request they came from (0: none); the engine reclaims the
-// strings of a request it kept for itself.
-char* copyString(const std::string& text, uint64_t owner);
-void reclaimStrings(uint64_t owner);
+// Engine-allocated strings: the app releases each with OH_ArkWeb_ReleaseString,
+// whatever became of the request it came from, as on the device. Strings
+// never released are reported when the process exits (and are leaks to
+// LeakSanitizer).
+char* copyString(const std::string& text);
 
 }  // namespace arkweb_host
 

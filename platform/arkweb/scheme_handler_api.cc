@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "arkweb/engine_internal.h"
 #include "hilog/log.h"
@@ -12,38 +13,39 @@
 namespace arkweb_host {
 namespace {
 
+// Outstanding strings, kept as hidden pointers: a string the app never
+// releases stays unreachable, so LeakSanitizer reports it.
 struct StringRegistry {
   std::mutex mutex;
-  std::unordered_map<char*, uint64_t> owners;
+  std::unordered_set<uintptr_t> outstanding;
 };
+
+constexpr uintptr_t kHide = static_cast<uintptr_t>(0x5a5a5a5a5a5a5a5aull);
 
 StringRegistry& strings() {
   static StringRegistry* registry = new StringRegistry();  // used until exit
+  static struct ReportAtExit {
+    ~ReportAtExit() {
+      std::lock_guard<std::mutex> lock(registry->mutex);
+      if (!registry->outstanding.empty()) {
+        OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kEngineLogTag,
+                     "%{public}zu engine strings were never released (OH_ArkWeb_ReleaseString)",
+                     registry->outstanding.size());
+      }
+    }
+  } reportAtExit;
   return *registry;
 }
 
 }  // namespace
 
-char* copyString(const std::string& text, uint64_t owner) {
+char* copyString(const std::string& text) {
   char* copy = static_cast<char*>(std::malloc(text.size() + 1));
   std::memcpy(copy, text.c_str(), text.size() + 1);
   StringRegistry& registry = strings();
   std::lock_guard<std::mutex> lock(registry.mutex);
-  registry.owners[copy] = owner;
+  registry.outstanding.insert(reinterpret_cast<uintptr_t>(copy) ^ kHide);
   return copy;
-}
-
-void reclaimStrings(uint64_t owner) {
-  StringRegistry& registry = strings();
-  std::lock_guard<std::mutex> lock(registry.mutex);
-  for (auto it = registry.owners.begin(); it != registry.owners.end();) {
-    if (it->second == owner) {
-      std::free(it->first);
-      it = registry.owners.erase(it);
-    } else {
-      ++it;
-    }
-  }
 }
 
 }  // namespace arkweb_host
@@ -59,9 +61,9 @@ int32_t invalid(const char* function) {
   return ARKWEB_INVALID_PARAM;
 }
 
-void out(char** target, const std::string& text, uint64_t owner = 0) {
+void out(char** target, const std::string& text) {
   if (target)
-    *target = copyString(text, owner);
+    *target = copyString(text);
 }
 
 }  // namespace
@@ -73,14 +75,12 @@ void OH_ArkWeb_ReleaseString(char* string) {
     return;
   auto& registry = arkweb_host::strings();
   std::lock_guard<std::mutex> lock(registry.mutex);
-  auto it = registry.owners.find(string);
-  if (it == registry.owners.end()) {
+  if (registry.outstanding.erase(reinterpret_cast<uintptr_t>(string) ^ arkweb_host::kHide) == 0) {
     OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
                  "OH_ArkWeb_ReleaseString: not a string of the engine (released twice?)");
     return;
   }
-  std::free(it->first);
-  registry.owners.erase(it);
+  std::free(string);
 }
 
 void OH_ArkWeb_ReleaseByteArray(uint8_t* byteArray) {
@@ -146,14 +146,14 @@ int32_t OH_ArkWebResourceRequest_Destroy(const ArkWeb_ResourceRequest* resourceR
 
 void OH_ArkWebResourceRequest_GetUrl(const ArkWeb_ResourceRequest* request, char** url) {
   if (request)
-    out(url, request->url, request->id);
+    out(url, request->url);
   else if (url)
     *url = nullptr;
 }
 
 void OH_ArkWebResourceRequest_GetMethod(const ArkWeb_ResourceRequest* request, char** method) {
   if (request)
-    out(method, request->method, request->id);
+    out(method, request->method);
   else if (method)
     *method = nullptr;
 }
@@ -161,13 +161,12 @@ void OH_ArkWebResourceRequest_GetMethod(const ArkWeb_ResourceRequest* request, c
 void OH_ArkWebResourceRequest_GetReferrer(const ArkWeb_ResourceRequest* request, char** referrer) {
   if (!referrer)
     return;
-  *referrer = (request && !request->referrer.empty()) ? copyString(request->referrer, request->id)
-                                                      : nullptr;
+  *referrer = (request && !request->referrer.empty()) ? copyString(request->referrer) : nullptr;
 }
 
 void OH_ArkWebResourceRequest_GetFrameUrl(const ArkWeb_ResourceRequest* request, char** frameUrl) {
   if (request)
-    out(frameUrl, request->frameUrl, request->id);
+    out(frameUrl, request->frameUrl);
   else if (frameUrl)
     *frameUrl = nullptr;
 }
@@ -457,7 +456,7 @@ void OH_ArkWebResponse_GetHeaderByName(const ArkWeb_Response* response,
     return;
   for (const auto& header : response->headers) {
     if (strcasecmp(header.first.c_str(), name) == 0) {
-      *value = copyString(header.second, 0);
+      *value = copyString(header.second);
       return;
     }
   }

@@ -279,10 +279,9 @@ class PageLoad : public Load {
       return;  // the app owns request and handler now
     }
     intercepted_ = false;
-    // Declined: the engine keeps request and handler, and with them the
-    // strings the handler asked for.
+    // Declined: the engine keeps request and handler. Strings the handler
+    // asked for are still the handler's to release.
     delete resourceHandler;
-    reclaimStrings(request->id);
     delete request;
     request_ = nullptr;
     startNetwork();

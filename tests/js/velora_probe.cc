@@ -4,7 +4,8 @@
 //   readValues(obj, value)    NapiHelper reads: {map, int64, stringOfNumber}
 //   argumentIsNull(index,...) NapiHelper::getArgument(index) == null
 //   feedPrefetchCallbacks(callbacks)  a script receiver fed from a network-like
-//                             thread: response, empty data, data, error, finish
+//                             thread: response, empty data, data, error, then a
+//                             finish that comes too late
 #include <thread>
 
 #include "napi/napi_helper.h"
@@ -31,13 +32,15 @@ napi_value ReadValues(napi_env env, napi_callback_info info) {
   napi_set_named_property(env, result, "map", map);
   napi_set_named_property(env, result, "int64",
                           NapiHelper::createInt32Value(env, NapiHelper::getInt64(env, value)));
-  napi_set_named_property(env, result, "stringOfNumber",
-                          NapiHelper::createStringValue(env, NapiHelper::getStringFromObj(env, object, "n")));
+  napi_set_named_property(
+      env, result, "stringOfNumber",
+      NapiHelper::createStringValue(env, NapiHelper::getStringFromObj(env, object, "n")));
   return result;
 }
 
 napi_value ArgumentIsNull(napi_env env, napi_callback_info info) {
-  size_t index = static_cast<size_t>(NapiHelper::getInt32(env, NapiHelper::getArgument(env, info, 0)));
+  size_t index =
+      static_cast<size_t>(NapiHelper::getInt32(env, NapiHelper::getArgument(env, info, 0)));
   napi_value answer;
   napi_get_boolean(env, NapiHelper::getArgument(env, info, index) == nullptr, &answer);
   return answer;

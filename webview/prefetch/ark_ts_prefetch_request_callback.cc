@@ -34,6 +34,11 @@ napi_value headersValue(napi_env env, const HeaderMultimap& headers) {
   return array;
 }
 
+template <typename T>
+void deleteAs(void* payload) {
+  delete static_cast<T*>(payload);
+}
+
 }  // namespace
 
 std::shared_ptr<ArkTsPrefetchRequestCallBack> ArkTsPrefetchRequestCallBack::create(
@@ -67,21 +72,69 @@ std::shared_ptr<ArkTsPrefetchRequestCallBack> ArkTsPrefetchRequestCallBack::crea
     // A missing callback still gets its function; its events reach nobody.
     if (type != napi_function)
       function = nullptr;
-    // Never freed: the receiver outlives every event that may still come.
+    // Freed with the function: it keeps the receiver alive for every event
+    // still queued.
     auto* context = new Context(callback);
-    napi_create_threadsafe_function(env, function, nullptr, name, 0, 1, nullptr, nullptr, context,
-                                    kind.callJs, kind.target);
+    napi_create_threadsafe_function(
+        env, function, nullptr, name, 0, 1, context,
+        [](napi_env, void* data, void*) { delete static_cast<Context*>(data); }, context,
+        kind.callJs, kind.target);
     // Idle functions must not keep the script runtime from exiting.
     napi_unref_threadsafe_function(env, *kind.target);
   }
+  // Cleanup hooks run last-registered first: this one, before the functions'.
+  napi_add_env_cleanup_hook(env, close, callback.get());
+  callback->hookRegistered_ = true;
   return callback;
+}
+
+ArkTsPrefetchRequestCallBack::~ArkTsPrefetchRequestCallBack() {
+  OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, nullptr, "~ArkTsPrefetchRequestCallBack");
+}
+
+void ArkTsPrefetchRequestCallBack::post(napi_threadsafe_function function,
+                                        void* payload,
+                                        void (*drop)(void*),
+                                        bool last) {
+  std::lock_guard<std::mutex> lock(postMutex_);
+  bool posted = !closed_ &&
+                napi_call_threadsafe_function(function, payload, napi_tsfn_nonblocking) == napi_ok;
+  if (!posted && payload)
+    drop(payload);
+  if (last)
+    closed_ = true;
+}
+
+void ArkTsPrefetchRequestCallBack::close(void* self) {
+  auto* callback = static_cast<ArkTsPrefetchRequestCallBack*>(self);
+  {
+    std::lock_guard<std::mutex> lock(callback->postMutex_);
+    callback->closed_ = true;
+  }
+  callback->hookRegistered_ = false;  // running now, gone afterwards
+  callback->release(callback->env_);
+}
+
+void ArkTsPrefetchRequestCallBack::release(napi_env env) {
+  if (released_)
+    return;
+  released_ = true;
+  if (hookRegistered_)
+    napi_remove_env_cleanup_hook(env, close, this);
+  for (napi_threadsafe_function function :
+       {onResponseFunc_, onNetResponseFunc_, onDataFunc_, onFinishFunc_, onErrorFunc_}) {
+    // Events still queued in a function are delivered before it goes.
+    napi_release_threadsafe_function(function, napi_tsfn_release);
+  }
+  napi_delete_reference(env, callbacksRef_);
+  callbacksRef_ = nullptr;
 }
 
 void ArkTsPrefetchRequestCallBack::callScript(napi_env env,
                                               napi_value jsCallback,
                                               size_t argc,
                                               const napi_value* argv) {
-  if (!env || !jsCallback)
+  if (!env || !jsCallback || !callbacksRef_)
     return;
   napi_value self = NapiHelper::getValueFromRef(env, callbacksRef_);
   napi_call_function(env, self, jsCallback, argc, argv, nullptr);
@@ -98,26 +151,26 @@ void ArkTsPrefetchRequestCallBack::onResponse(int statusCode, const HeaderMultim
   auto* payload = new ArkTsPrefetchRequestCallBackResponse();
   payload->statusCode = statusCode;
   payload->headers = headers;
-  napi_call_threadsafe_function(onResponseFunc_, payload, napi_tsfn_nonblocking);
+  post(onResponseFunc_, payload, deleteAs<ArkTsPrefetchRequestCallBackResponse>, false);
 }
 
 void ArkTsPrefetchRequestCallBack::onNetResponse(int statusCode, const HeaderMultimap& headers) {
   auto* payload = new ArkTsPrefetchRequestCallBackResponse();
   payload->statusCode = statusCode;
   payload->headers = headers;
-  napi_call_threadsafe_function(onNetResponseFunc_, payload, napi_tsfn_nonblocking);
+  post(onNetResponseFunc_, payload, deleteAs<ArkTsPrefetchRequestCallBackResponse>, false);
 }
 
 void ArkTsPrefetchRequestCallBack::onData(const unsigned char* data, unsigned long length) {
   auto* payload = new ArkTsPrefetchRequestCallBackData();
   payload->data = Buffer::copyData(data, length);
   payload->length = length;
-  napi_call_threadsafe_function(onDataFunc_, payload, napi_tsfn_nonblocking);
+  post(onDataFunc_, payload, deleteAs<ArkTsPrefetchRequestCallBackData>, false);
   logLine("ondata");
 }
 
 void ArkTsPrefetchRequestCallBack::onFinish() {
-  napi_call_threadsafe_function(onFinishFunc_, nullptr, napi_tsfn_nonblocking);
+  post(onFinishFunc_, nullptr, nullptr, true);
   logLine("onFinish");
 }
 
@@ -127,7 +180,7 @@ void ArkTsPrefetchRequestCallBack::onError(int code,
   auto* payload = new ArkTsPrefetchRequestCallBackError();
   payload->code = code;
   payload->message = message;
-  napi_call_threadsafe_function(onErrorFunc_, payload, napi_tsfn_nonblocking);
+  post(onErrorFunc_, payload, deleteAs<ArkTsPrefetchRequestCallBackError>, true);
   logLine("onError");
 }
 
@@ -176,7 +229,10 @@ void ArkTsPrefetchRequestCallBack::onFinishCallJs(napi_env env,
                                                   void* context,
                                                   void* /*data*/) {
   Context self = *static_cast<Context*>(context);
+  if (!env)
+    return;
   self->callScript(env, jsCallback, 0, nullptr);
+  self->release(env);
 }
 
 void ArkTsPrefetchRequestCallBack::onErrorCallJs(napi_env env,
@@ -192,6 +248,7 @@ void ArkTsPrefetchRequestCallBack::onErrorCallJs(napi_env env,
                         NapiHelper::createStringValue(env, payload->message)};
   payload.reset();
   self->callScript(env, jsCallback, 2, args);
+  self->release(env);
 }
 
 }  // namespace velora

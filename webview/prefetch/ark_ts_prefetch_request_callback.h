@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "napi/native_api.h"
 #include "network/net_request.h"
@@ -33,13 +34,17 @@ struct ArkTsPrefetchRequestCallBackError {
 
 // Operations run on network threads and only post; the script callbacks run
 // on the script thread of `env`, with `this` = the callbacks object. The
-// object lives for the rest of the process (its thread-safe functions hold
-// it), so a late event never reaches a freed receiver.
+// thread-safe functions hold the object, so an event never reaches a freed
+// receiver. After the last event (finish or error) has been posted nothing
+// more is, and once its script callback has run the functions and the
+// reference are released. When the script runtime shuts down first, posting
+// stops before its thread-safe functions go.
 class ArkTsPrefetchRequestCallBack : public NetRequestCallBack,
                                      public SSRChunkedCacheRequestCallBack {
  public:
   // Script thread. `callbacks` is the script's callbacks object.
   static std::shared_ptr<ArkTsPrefetchRequestCallBack> create(napi_env env, napi_value callbacks);
+  virtual ~ArkTsPrefetchRequestCallBack();
 
   void onResponse(int statusCode, const HeaderMultimap& headers) override;
   void onData(const unsigned char* data, unsigned long length) override;
@@ -56,6 +61,14 @@ class ArkTsPrefetchRequestCallBack : public NetRequestCallBack,
  private:
   // Calls `jsCallback` with `this` = the callbacks object.
   void callScript(napi_env env, napi_value jsCallback, size_t argc, const napi_value* argv);
+  // Posts `payload` (deleted by `drop` when it cannot be posted); `last`
+  // closes the receiver to later posts.
+  void post(napi_threadsafe_function function, void* payload, void (*drop)(void*), bool last);
+  // Script thread, after the last event's callback: lets the functions go.
+  void release(napi_env env);
+  // Environment cleanup hook: no post from now on, and the functions go
+  // (the device runtime does not release them itself).
+  static void close(void* self);
 
   napi_env env_ = nullptr;
   uint64_t threadId_ = 0;  // the script thread
@@ -65,6 +78,10 @@ class ArkTsPrefetchRequestCallBack : public NetRequestCallBack,
   napi_threadsafe_function onDataFunc_ = nullptr;
   napi_threadsafe_function onFinishFunc_ = nullptr;
   napi_threadsafe_function onErrorFunc_ = nullptr;
+  std::mutex postMutex_;         // held while posting, so close() waits for a post under way
+  bool closed_ = false;          // guarded by postMutex_
+  bool released_ = false;        // script thread
+  bool hookRegistered_ = false;  // script thread
 };
 
 }  // namespace velora

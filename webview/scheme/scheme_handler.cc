@@ -17,6 +17,15 @@ const char kSecurityUrlEndpoint[] =
 
 namespace {
 
+// A string the engine hands out; released on every way out of a callback.
+struct EngineString {
+  EngineString() = default;
+  EngineString(const EngineString&) = delete;
+  EngineString& operator=(const EngineString&) = delete;
+  ~EngineString() { OH_ArkWeb_ReleaseString(text); }
+  char* text = nullptr;
+};
+
 constexpr const char* kWebTag = log_tags::kWeb;
 constexpr size_t kSecurityUrlLength = sizeof(kSecurityUrlEndpoint) - 1;
 static_assert(kSecurityUrlLength == 71, "the endpoint is compared on its 71 characters");
@@ -67,43 +76,39 @@ void OnURLRequestStart(const ArkWeb_SchemeHandler* schemeHandler,
   std::shared_ptr<WebInfo> info = std::atomic_load(&holder->webInfo);
   if (!info)
     return;  // the component is gone
-  char* url = nullptr;
-  OH_ArkWebResourceRequest_GetUrl(resourceRequest, &url);
-  if (!url)
+  EngineString url;
+  OH_ArkWebResourceRequest_GetUrl(resourceRequest, &url.text);
+  if (!url.text)
     return;
-  // Declined requests keep their strings: the engine, which goes on to load
-  // them itself, takes them back.
-  if (std::strlen(url) >= kSecurityUrlLength &&
-      std::strncmp(url, kSecurityUrlEndpoint, kSecurityUrlLength) == 0) {
+  if (std::strlen(url.text) >= kSecurityUrlLength &&
+      std::strncmp(url.text, kSecurityUrlEndpoint, kSecurityUrlLength) == 0) {
     return;
   }
   InterceptManager& policy = InterceptManager::getInstance();
   if (!policy.isInterceptEnable())
     return;
   if (policy.onlyMainHtml() && !OH_ArkWebResourceRequest_IsMainFrame(resourceRequest)) {
-    logIgnored(*info, url, "onlyMainHtml");
+    logIgnored(*info, url.text, "onlyMainHtml");
     return;
   }
-  if (policy.isInRuntimeList(url)) {
-    logIgnored(*info, url, "runtimeWhiteList");
+  if (policy.isInRuntimeList(url.text)) {
+    logIgnored(*info, url.text, "runtimeWhiteList");
     return;
   }
-  if (policy.isInWhiteList(url)) {
-    logIgnored(*info, url, "matchWhiteList");
+  if (policy.isInWhiteList(url.text)) {
+    logIgnored(*info, url.text, "matchWhiteList");
     return;
   }
-  char* method = nullptr;
+  EngineString method;
   if (policy.hasWhiteMethods()) {
-    OH_ArkWebResourceRequest_GetMethod(resourceRequest, &method);
-    if (method && policy.isInWhiteMethod(method)) {
-      logIgnored(*info, url, "matchWhiteMethod");
+    OH_ArkWebResourceRequest_GetMethod(resourceRequest, &method.text);
+    if (method.text && policy.isInWhiteMethod(method.text)) {
+      logIgnored(*info, url.text, "matchWhiteMethod");
       return;
     }
   }
   *intercept = true;
   attachAndStart(std::move(info), resourceRequest, resourceHandler);
-  OH_ArkWeb_ReleaseString(url);
-  OH_ArkWeb_ReleaseString(method);
 }
 
 void OnURLRequestStop(const ArkWeb_SchemeHandler*, const ArkWeb_ResourceRequest* resourceRequest) {
