@@ -9,6 +9,7 @@
 #include "tern/time_utils.h"
 #include "tide_logger/log.h"
 #include "user_agent/user_agent_helper.h"
+#include "utils/log_headers.h"
 #include "web_request/web_request_stats.h"
 
 namespace velora {
@@ -20,13 +21,6 @@ tide::LogBuilder entry(const char* event, const std::string& traceId) {
   auto builder = tide::Log::build(tide::kInfo, kLogTag);
   builder.event(event, traceId);
   return builder;
-}
-
-nlohmann::json headersJson(const HeaderMultimap& headers) {
-  nlohmann::json object = nlohmann::json::object();
-  for (const auto& [name, values] : headers)
-    object[name] = values;
-  return object;
 }
 
 }  // namespace
@@ -105,7 +99,7 @@ void FirstChunkHandler::onResponse(std::shared_ptr<gantry_ssr::SsrRequest> reque
       .key("code")
       .value(statusCode)
       .key("head")
-      .value(headersJson(headers))
+      .value(headersForLog(headers))
       .key("useFirstChunkCache")
       .value(useFirstChunkCache_)
       .key("needInvalidateCache")

@@ -10,6 +10,7 @@
 #include "tern/time_utils.h"
 #include "tide_logger/log.h"
 #include "user_agent/user_agent_helper.h"
+#include "utils/log_headers.h"
 
 namespace velora {
 namespace {
@@ -85,7 +86,7 @@ std::string PrefetchNetwork::startPrefetch(std::shared_ptr<PrefetchRequest> requ
     netRequest->setHeader(name, value);
     copy->setHeader(name, value);
     if (!name.empty())
-      entry.key(name).value(value);
+      entry.key(name).value(headerValueForLog(name, value));
   }
   entry.key("url").value(request->getUrl()).key("id").value(id).done();
   netRequest->sendRequest();

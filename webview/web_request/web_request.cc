@@ -11,6 +11,7 @@
 #include "prefetch/prefetch_network.h"
 #include "tern/uri.h"
 #include "tide_logger/log.h"
+#include "utils/log_headers.h"
 
 namespace velora {
 namespace {
@@ -24,15 +25,6 @@ std::atomic<uint64_t> g_nextWebRequestId{1};
 
 std::string textOf(const char* text) {
   return text ? std::string(text) : std::string();
-}
-
-nlohmann::json headersJson(const HeaderMultimap& headers) {
-  nlohmann::json json = nlohmann::json::object();
-  for (const auto& [name, values] : headers) {
-    for (const auto& value : values)
-      json[name].push_back(value);
-  }
-  return json;
 }
 
 std::string lowerTrimmed(const std::string& text) {
@@ -172,14 +164,11 @@ void WebRequest::logPrefetchHit() {
       .value(webInfo_->prefetchUrl);
   if (std::shared_ptr<PrefetchRequest> prefetch =
           PrefetchNetwork::getPrefetchRequest(webInfo_->prefetchId)) {
-    nlohmann::json header = nlohmann::json::object();
-    for (const auto& [name, value] : prefetch->getHeaders())
-      header[name] = value;
     entry.key("method")
         .value(prefetch->getMethod())
         .timestamp(static_cast<int64_t>(prefetch->getRequestStartTime()))
         .key("header")
-        .value(header);
+        .value(headersForLog(prefetch->getHeaders()));
   }
   entry.done();
 }
@@ -234,9 +223,6 @@ void WebRequest::sendNetRequest() {
   std::string type = netRequest->name();
   if (!type.empty())
     entry.key("type").value(type);
-  nlohmann::json header = nlohmann::json::object();
-  for (const auto& [name, value] : headers_)
-    header[name] = value;
   entry.key("url")
       .value(textOf(url_))
       .key("method")
@@ -244,7 +230,7 @@ void WebRequest::sendNetRequest() {
       .key("isHTML")
       .value(isMainFrame_)
       .key("header")
-      .value(header)
+      .value(headersForLog(headers_))
       .key("prefetchHit")
       .value(false)
       .key("hasBody")
@@ -307,7 +293,7 @@ void WebRequest::onResponse(int statusCode, const HeaderMultimap& headers) {
   entry.event("response", tag_).parentId(webInfo_->webTag);
   entry.key("statusCode").value(statusCode).key("url").value(textOf(url_));
   if (!headers.empty())
-    entry.key("header").value(headersJson(headers));
+    entry.key("header").value(headersForLog(headers));
   entry.done();
 }
 
