@@ -212,34 +212,37 @@ std::shared_ptr<WebComponent>* componentOf(napi_env env,
   return static_cast<std::shared_ptr<WebComponent>*>(wrapped);
 }
 
+// [[name, value], ...] or {name: value}. Elements that are not pairs are
+// refused (false) rather than read from null; sparse arrays are walked by
+// their elements, not their length.
 bool parseHeaders(napi_env env, napi_value value, arkweb_host::HeaderList* headers) {
   napi_valuetype type = typeOf(env, value);
   if (type == napi_undefined || type == napi_null)
     return true;
-  bool isArray = false;
-  napi_is_array(env, value, &isArray);
-  if (isArray) {
-    uint32_t length = 0;
-    napi_get_array_length(env, value, &length);
-    for (uint32_t i = 0; i < length; ++i) {
-      napi_value pair, name, headerValue;
-      napi_get_element(env, value, i, &pair);
-      napi_get_element(env, pair, 0, &name);
-      napi_get_element(env, pair, 1, &headerValue);
-      headers->emplace_back(stringOf(env, name), stringOf(env, headerValue));
-    }
-    return true;
-  }
   if (type != napi_object)
     return false;
-  napi_value names;
-  napi_get_property_names(env, value, &names);
+  bool isArray = false;
+  napi_is_array(env, value, &isArray);
+  napi_value keys;
   uint32_t length = 0;
-  napi_get_array_length(env, names, &length);
+  if (napi_get_property_names(env, value, &keys) != napi_ok ||
+      napi_get_array_length(env, keys, &length) != napi_ok)
+    return false;
   for (uint32_t i = 0; i < length; ++i) {
+    napi_value key, element;
+    if (napi_get_element(env, keys, i, &key) != napi_ok ||
+        napi_get_property(env, value, key, &element) != napi_ok)
+      return false;
+    if (!isArray) {
+      headers->emplace_back(stringOf(env, key), stringOf(env, element));
+      continue;
+    }
+    bool isPair = false;
+    napi_is_array(env, element, &isPair);
     napi_value name, headerValue;
-    napi_get_element(env, names, i, &name);
-    napi_get_property(env, value, name, &headerValue);
+    if (!isPair || napi_get_element(env, element, 0, &name) != napi_ok ||
+        napi_get_element(env, element, 1, &headerValue) != napi_ok)
+      return false;
     headers->emplace_back(stringOf(env, name), stringOf(env, headerValue));
   }
   return true;

@@ -52,6 +52,13 @@ bool isFieldValue(const std::string& text) {
 // state would go with that thread.
 const bool g_curlReady = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
 
+std::string lowered(const std::string& text) {
+  std::string lower(text);
+  for (char& c : lower)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower;
+}
+
 bool sameName(const std::string& a, const std::string& b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
@@ -80,11 +87,16 @@ bool isDecodedEncoding(const std::string& encoding) {
 
 void FLHttpMessage::setHeadField(const std::string& name, const std::string& value) {
   removeHeadField(name);
-  fields_.emplace_back(name, value);
+  appendField(name, value);
 }
 
 void FLHttpMessage::addHeadField(const std::string& name, const std::string& value) {
-  fields_.emplace_back(name, value);
+  appendField(name, value);
+}
+
+void FLHttpMessage::appendField(std::string name, std::string value) {
+  ++nameCounts_[lowered(name)];
+  fields_.emplace_back(std::move(name), std::move(value));
 }
 
 std::string FLHttpMessage::getHeadField(const std::string& name) const {
@@ -96,6 +108,10 @@ std::string FLHttpMessage::getHeadField(const std::string& name) const {
 }
 
 void FLHttpMessage::removeHeadField(const std::string& name) {
+  auto count = nameCounts_.find(lowered(name));
+  if (count == nameCounts_.end())
+    return;
+  nameCounts_.erase(count);
   fields_.erase(std::remove_if(fields_.begin(), fields_.end(),
                                [&](const auto& field) { return sameName(field.first, name); }),
                 fields_.end());

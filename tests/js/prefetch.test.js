@@ -100,3 +100,33 @@ test('a page bound to the prefetch takes it over: one origin request, byte-exact
   assert.ok(script.equals(res.body));
   web.destroy();
 });
+
+test('header lists are walked by their elements and bounded', async () => {
+  const many = Array.from({ length: 32768 }, (_, i) => ({ key: `X-H${i}`, value: String(i) }));
+  const sparse = [];
+  sparse[4294967294] = { key: 'X-Far', value: 'far' };
+  for (const headers of [many, sparse]) {
+    const { seen, callbacks } = recorder();
+    const id = velora.prefetch({ url: suite.origin.url('/headers'), method: 'GET', headers }, callbacks);
+    await until(() => seen.some((e) => e.kind === 'finish' || e.kind === 'error'));
+    velora.removePrefetch(id);
+    const sent = JSON.parse(Buffer.concat(seen.filter((e) => e.kind === 'data')
+      .map((e) => Buffer.from(e.args[0]))).toString());
+    if (headers === many) {
+      assert.equal(Object.keys(sent).filter((name) => name.startsWith('x-h')).length, 256);
+    } else {
+      assert.equal(sent['x-far'], 'far');
+    }
+  }
+});
+
+test('the host driver refuses header lists it cannot read instead of crashing', async () => {
+  const web = host.createWebComponent('bad-headers');
+  for (const headers of [[null], [7], [{ 0: 'A', 1: 'b' }], 'text']) {
+    await assert.rejects(async () => web.load({ url: suite.origin.url('/bytes/1'), headers }),
+      TypeError, JSON.stringify(headers));
+  }
+  const ok = await web.load({ url: suite.origin.url('/headers'), headers: [['X-A', '1']] });
+  assert.equal(JSON.parse(ok.body)['x-a'], '1');
+  web.destroy();
+});

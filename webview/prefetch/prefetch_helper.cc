@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "hilog/log.h"
+#include "log_tags.h"
 #include "napi/napi_helper.h"
 #include "prefetch/ark_ts_prefetch_request_callback.h"
 
@@ -24,17 +25,29 @@ PrefetchHelper::parsePrefetchRequestParams(napi_env env, napi_callback_info info
   std::string url = NapiHelper::getStringFromObj(env, params, "url");
   std::string method = NapiHelper::getStringFromObj(env, params, "method");
 
-  // A later element with the same key replaces an earlier one.
+  // A later element with the same key replaces an earlier one. The array is
+  // walked by its elements (a sparse one by the few it has), at most
+  // kMaxHeaders of them.
   std::map<std::string, std::string> headers;
   napi_value list = NapiHelper::getNamedProperty(env, params, "headers");
+  napi_value indices = nullptr;
   uint32_t count = 0;
   bool isArray = false;
-  if (napi_is_array(env, list, &isArray) == napi_ok && isArray) {
-    napi_get_array_length(env, list, &count);
+  if (napi_is_array(env, list, &isArray) == napi_ok && isArray &&
+      napi_get_property_names(env, list, &indices) == napi_ok) {
+    napi_get_array_length(env, indices, &count);
   }
-  for (uint32_t index = 0; index < count; ++index) {
+  if (count > kMaxHeaders) {
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, log_tags::kNapiHelper,
+                 "prefetch: %{public}u headers, only the first %{public}u are sent", count,
+                 kMaxHeaders);
+    count = kMaxHeaders;
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    napi_value index = nullptr;
     napi_value element = nullptr;
-    napi_get_element(env, list, index, &element);
+    napi_get_element(env, indices, i, &index);
+    napi_get_property(env, list, index, &element);
     std::string value = NapiHelper::getStringFromObj(env, element, "value");
     headers[NapiHelper::getStringFromObj(env, element, "key")] = value;
   }

@@ -1,6 +1,7 @@
 #ifndef VELORA_WEBVIEW_PREFETCH_PREFETCH_HELPER_H
 #define VELORA_WEBVIEW_PREFETCH_PREFETCH_HELPER_H
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -12,6 +13,9 @@ namespace velora {
 
 class PrefetchHelper {
  public:
+  // Headers a prefetch may carry; more are left out with a log line.
+  static constexpr uint32_t kMaxHeaders = 256;
+
   // prefetch({url, method, headers: [{key, value}...]}, callbacks?): the
   // request and, when a callbacks object is given, its script receiver.
   // Script thread.

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,7 +25,8 @@ class FLHttpMessage {
   virtual ~FLHttpMessage() = default;
 
   std::string getURLString() const { return url_; }
-  // Replaces every field of that name (compared case-insensitively).
+  // Replaces every field of that name (compared case-insensitively). Setting
+  // a name not there yet costs no scan of the others.
   void setHeadField(const std::string& name, const std::string& value);
   // Adds a field, keeping earlier ones of the same name.
   void addHeadField(const std::string& name, const std::string& value);
@@ -36,8 +38,12 @@ class FLHttpMessage {
   RepeatedHeadFields getRepeatedHeadFields() const;
 
  protected:
+  void appendField(std::string name, std::string value);
+
   std::string url_;
   std::vector<std::pair<std::string, std::string>> fields_;
+  // Fields per lower-cased name.
+  std::unordered_map<std::string, size_t> nameCounts_;
 };
 
 // A request body written piece by piece by a producer and read by the
@@ -91,9 +97,7 @@ class FLHttpResponse : public FLHttpMessage {
   long getStatusCode() const { return statusCode_; }
   const std::string& getStatusText() const { return statusText_; }
   const std::string& getHttpVersion() const { return httpVersion_; }
-  void appendField(std::string name, std::string value) {
-    fields_.emplace_back(std::move(name), std::move(value));
-  }
+  using FLHttpMessage::appendField;
 
  private:
   int statusCode_;
