@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "tern/cache_service.h"
 #include "tern/executor_service.h"
@@ -196,4 +198,32 @@ TEST(RuntimeWhiteList, BrokenStoredValueKeepsWhatWasReadAndIsOverwrittenByTheNex
   EXPECT_FALSE(failed[0]["fields"]["what"].get<std::string>().empty());
   manager().addUrlToRuntimeList("u3");
   EXPECT_EQ(store()->get("runtimeUrls"), R"(["u1","u3"])");
+}
+
+TEST(InterceptRemoteConfig, ARequestSeesAWholeUpdateOrNone) {
+  // Two configurations, each consistent: off with list "a", on with list "b".
+  auto apply = [](bool on) {
+    manager().updateTesseraConfig("remote", [on](const std::string& key) {
+      if (key == "enable")
+        return std::string(on ? "true" : "false");
+      if (key == "whiteList")
+        return std::string(on ? R"(["b"])" : R"(["a"])");
+      return std::string();
+    });
+  };
+  apply(true);
+  std::atomic<bool> stop{false};
+  std::atomic<int> mixed{0};
+  std::thread reader([&] {
+    while (!stop) {
+      auto policy = manager().policy();
+      if (policy->interceptEnable == policy->isInWhiteList("a"))
+        ++mixed;
+    }
+  });
+  for (int i = 0; i < 2000; ++i)
+    apply(i % 2 == 0);
+  stop = true;
+  reader.join();
+  EXPECT_EQ(mixed, 0);
 }

@@ -17,7 +17,7 @@ using velora::NetService;
 namespace {
 
 // Records the calls it gets as letters: R(esponse) D(ata) F(inish) E(rror).
-class Recorder : public velora::NetRequestCallBack {
+class Recorder final : public velora::NetRequestCallBack {
  public:
   void onResponse(int status, const HeaderMultimap& headers) override {
     calls += 'R';

@@ -24,7 +24,7 @@ using velora_test::patternBytes;
 namespace {
 
 // Keeps what it receives: calls as letters (R D F E) and the body.
-class Recorder : public velora::NetRequestCallBack {
+class Recorder final : public velora::NetRequestCallBack {
  public:
   void onResponse(int status, const HeaderMultimap&) override {
     std::lock_guard<std::mutex> lock(mutex);

@@ -48,33 +48,31 @@ void InterceptManager::init() {
   registerTesseraListener();
 }
 
+void InterceptManager::update(const std::function<void(InterceptPolicy&)>& change) {
+  std::lock_guard<std::mutex> lock(updateMutex_);
+  auto next = std::make_shared<InterceptPolicy>(*policy());
+  change(*next);
+  std::atomic_store(&policy_, std::shared_ptr<const InterceptPolicy>(std::move(next)));
+}
+
 void InterceptManager::setWhiteUrlList(std::list<std::string> urls) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  whiteUrlList_ = std::move(urls);
+  update([&urls](InterceptPolicy& p) { p.whiteUrlList = std::move(urls); });
 }
 
 void InterceptManager::setWhiteMethods(std::list<std::string> methods) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  whiteMethods_ = std::move(methods);
+  update([&methods](InterceptPolicy& p) { p.whiteMethods = std::move(methods); });
 }
 
-bool InterceptManager::isInWhiteList(const std::string& url) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& entry : whiteUrlList_) {
+bool InterceptPolicy::isInWhiteList(const std::string& url) const {
+  for (const auto& entry : whiteUrlList) {
     if (tern::string_utils::contains(url, entry))
       return true;
   }
   return false;
 }
 
-bool InterceptManager::hasWhiteMethods() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return !whiteMethods_.empty();
-}
-
-bool InterceptManager::isInWhiteMethod(const std::string& method) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& entry : whiteMethods_) {
+bool InterceptPolicy::isInWhiteMethod(const std::string& method) const {
+  for (const auto& entry : whiteMethods) {
     if (entry == method)
       return true;
   }
@@ -164,32 +162,35 @@ void InterceptManager::updateTesseraConfig(
     const std::function<std::string(const std::string&)>& getValue) {
   if (!getValue)
     return;
-  const std::pair<const char*, std::atomic<bool>*> switches[] = {
-      {kKeyEnable, &interceptEnable_},
-      {kKeyOnlyMainHtml, &onlyMainHtml_},
-      {kKeyInterceptMimeType, &interceptMimeType_},
-  };
-  for (const auto& [key, flag] : switches) {
-    std::string text = getValue(key);
-    if (!text.empty())
-      flag->store(text == "true");
-  }
-  std::string enableText = getValue(kKeyEnable);
-  std::string whiteList = getValue(kKeyWhiteList);
-  if (!whiteList.empty()) {
-    updateListConfig("updateWhiteListConfig", whiteList, enableText, from, whiteUrlList_);
-  }
-  std::string methodList = getValue(kKeyMethodList);
-  if (!methodList.empty()) {
-    updateListConfig("updateMethodConfig", methodList, enableText, from, whiteMethods_);
-  }
+  // Everything is read first and published at once.
+  std::string texts[] = {getValue(kKeyEnable), getValue(kKeyOnlyMainHtml),
+                         getValue(kKeyInterceptMimeType)};
+  std::string enableText = texts[0];
+  std::optional<std::list<std::string>> whiteList, methods;
+  std::string whiteListText = getValue(kKeyWhiteList);
+  if (!whiteListText.empty())
+    whiteList = updateListConfig("updateWhiteListConfig", whiteListText, enableText, from);
+  std::string methodText = getValue(kKeyMethodList);
+  if (!methodText.empty())
+    methods = updateListConfig("updateMethodConfig", methodText, enableText, from);
+  update([&](InterceptPolicy& p) {
+    bool* switches[] = {&p.interceptEnable, &p.onlyMainHtml, &p.interceptMimeType};
+    for (int i = 0; i < 3; ++i) {
+      if (!texts[i].empty())
+        *switches[i] = texts[i] == "true";
+    }
+    if (whiteList)
+      p.whiteUrlList = std::move(*whiteList);
+    if (methods)
+      p.whiteMethods = std::move(*methods);
+  });
 }
 
-void InterceptManager::updateListConfig(const char* event,
-                                        const std::string& text,
-                                        const std::string& enableText,
-                                        const std::string& from,
-                                        std::list<std::string>& list) {
+std::optional<std::list<std::string>> InterceptManager::updateListConfig(
+    const char* event,
+    const std::string& text,
+    const std::string& enableText,
+    const std::string& from) {
   auto entry = tide::Log::build(tide::kInfo, kLogTag);
   entry.event(event).key("config").value(text);
   if (!enableText.empty())
@@ -198,14 +199,13 @@ void InterceptManager::updateListConfig(const char* event,
   try {
     nlohmann::json parsed = parseJson(text);
     if (!parsed.is_array())
-      return;  // only an array replaces the list
+      return std::nullopt;  // only an array replaces the list
     std::list<std::string> entries;
     for (const auto& element : parsed) {
       if (element.is_string())
         entries.push_back(element.get<std::string>());
     }
-    std::lock_guard<std::mutex> lock(mutex_);
-    list = std::move(entries);
+    return entries;
   } catch (const std::exception& e) {
     tide::Log::build(tide::kWarn, kLogTag)
         .event(event)
@@ -215,6 +215,7 @@ void InterceptManager::updateListConfig(const char* event,
         .value(from)
         .done();
   }
+  return std::nullopt;
 }
 
 bool InterceptManager::updateTesseraConfigFromRemote() {

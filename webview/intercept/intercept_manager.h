@@ -7,38 +7,65 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace velora {
 
+// The switches and lists, as one value: a request decides against one of
+// these, never against half of an update.
+struct InterceptPolicy {
+  bool interceptEnable = true;
+  bool onlyMainHtml = false;
+  bool interceptMimeType = false;
+  std::list<std::string> whiteUrlList;
+  std::list<std::string> whiteMethods;
+
+  // True when `url` contains an entry of the white URL list (byte-wise).
+  bool isInWhiteList(const std::string& url) const;
+  bool hasWhiteMethods() const { return !whiteMethods.empty(); }
+  // True when `method` equals an entry exactly (case-sensitive).
+  bool isInWhiteMethod(const std::string& method) const;
+};
+
 // Set from the script thread and the configuration paths, read on the web
-// engine's thread for every request. The lists are guarded by a mutex; the
-// flags are atomics.
+// engine's thread for every request. Every change publishes a whole new
+// policy at once; the runtime list is guarded by a mutex.
 class InterceptManager {
  public:
   static InterceptManager& getInstance();
+
+  // The policy now, whole.
+  std::shared_ptr<const InterceptPolicy> policy() const { return std::atomic_load(&policy_); }
 
   // Applies the remote configuration, or the copy saved by an earlier run when
   // there is none yet, and subscribes to remote updates. Once per sdkInit.
   void init();
 
-  void setInterceptEnable(bool enable) { interceptEnable_.store(enable); }
-  bool isInterceptEnable() const { return interceptEnable_.load(); }
-  void setOnlyMainHtml(bool only) { onlyMainHtml_.store(only); }
-  bool onlyMainHtml() const { return onlyMainHtml_.load(); }
-  void setInterceptMimeType(bool check) { interceptMimeType_.store(check); }
-  bool isInterceptMimeType() const { return interceptMimeType_.load(); }
+  void setInterceptEnable(bool enable) {
+    update([enable](InterceptPolicy& p) { p.interceptEnable = enable; });
+  }
+  bool isInterceptEnable() const { return policy()->interceptEnable; }
+  void setOnlyMainHtml(bool only) {
+    update([only](InterceptPolicy& p) { p.onlyMainHtml = only; });
+  }
+  bool onlyMainHtml() const { return policy()->onlyMainHtml; }
+  void setInterceptMimeType(bool check) {
+    update([check](InterceptPolicy& p) { p.interceptMimeType = check; });
+  }
+  bool isInterceptMimeType() const { return policy()->interceptMimeType; }
 
   // Replace the whole list.
   void setWhiteUrlList(std::list<std::string> urls);
   void setWhiteMethods(std::list<std::string> methods);
 
-  // True when `url` contains an entry of the white URL list (byte-wise).
-  bool isInWhiteList(const std::string& url) const;
-  bool hasWhiteMethods() const;
-  // True when `method` equals an entry exactly (case-sensitive).
-  bool isInWhiteMethod(const std::string& method) const;
+  bool isInWhiteList(const std::string& url) const { return policy()->isInWhiteList(url); }
+  bool hasWhiteMethods() const { return policy()->hasWhiteMethods(); }
+  bool isInWhiteMethod(const std::string& method) const {
+    return policy()->isInWhiteMethod(method);
+  }
 
   // Runtime white list: URLs the module itself decided to leave to the
   // engine. Persisted under "runtimeUrls", loaded on first use.
@@ -60,23 +87,22 @@ class InterceptManager {
  private:
   InterceptManager() = default;
 
-  // Replaces `list` with the string elements of the JSON array in `text`.
-  void updateListConfig(const char* event,
-                        const std::string& text,
-                        const std::string& enableText,
-                        const std::string& from,
-                        std::list<std::string>& list);
+  // Publishes a copy of the current policy changed by `change`.
+  void update(const std::function<void(InterceptPolicy&)>& change);
+  // The string elements of the JSON array in `text`; nothing when it is no
+  // array (logged).
+  std::optional<std::list<std::string>> updateListConfig(const char* event,
+                                                         const std::string& text,
+                                                         const std::string& enableText,
+                                                         const std::string& from);
   void loadRuntimeListLocked();
   void saveRuntimeListLocked();
 
   mutable std::mutex mutex_;
   bool runtimeListLoaded_ = false;         // guarded by mutex_
-  std::list<std::string> whiteUrlList_;    // guarded by mutex_
   std::list<std::string> runtimeUrlList_;  // guarded by mutex_
-  std::list<std::string> whiteMethods_;    // guarded by mutex_
-  std::atomic<bool> interceptEnable_{true};
-  std::atomic<bool> onlyMainHtml_{false};
-  std::atomic<bool> interceptMimeType_{false};
+  std::mutex updateMutex_;                 // one update of the policy at a time
+  std::shared_ptr<const InterceptPolicy> policy_ = std::make_shared<InterceptPolicy>();
 };
 
 }  // namespace velora

@@ -9,7 +9,7 @@ namespace velora {
 
 // A receiver that forwards each result to a function; an empty function
 // makes that result a no-op.
-class NetRequestCallBackProxy : public NetRequestCallBack {
+class NetRequestCallBackProxy final : public NetRequestCallBack {
  public:
   using OnResponse = std::function<void(int, const HeaderMultimap&)>;
   using OnData = std::function<void(const unsigned char*, unsigned long)>;

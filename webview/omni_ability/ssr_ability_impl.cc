@@ -26,7 +26,7 @@ omni::ExecuteResult urlEmpty() {
 // only once startPrefetch returns, which may be after the end. The status is
 // the server's: when a stored chunk was served first, the engine-facing 200
 // is not it.
-class PreloadOutcome : public NetRequestCallBack, public SSRChunkedCacheRequestCallBack {
+class PreloadOutcome final : public NetRequestCallBack, public SSRChunkedCacheRequestCallBack {
  public:
   PreloadOutcome(std::string url, omni::Ability::Callback callback)
       : url_(std::move(url)), callback_(std::move(callback)) {}

@@ -21,7 +21,7 @@ namespace velora {
 //
 // Invariant: while hasConsumed_ is false, consumer_ is null and every event
 // is in events_; once it is true, events_ is empty for good.
-class PrefetchRequestCache : public NetRequestCallBack {
+class PrefetchRequestCache final : public NetRequestCallBack {
  public:
   explicit PrefetchRequestCache(std::shared_ptr<PrefetchRequest> request)
       : request_(std::move(request)) {}

@@ -84,25 +84,27 @@ void OnURLRequestStart(const ArkWeb_SchemeHandler* schemeHandler,
       std::strncmp(url.text, kSecurityUrlEndpoint, kSecurityUrlLength) == 0) {
     return;
   }
-  InterceptManager& policy = InterceptManager::getInstance();
-  if (!policy.isInterceptEnable())
+  // One policy for the whole decision, whatever update comes meanwhile.
+  InterceptManager& manager = InterceptManager::getInstance();
+  std::shared_ptr<const InterceptPolicy> policy = manager.policy();
+  if (!policy->interceptEnable)
     return;
-  if (policy.onlyMainHtml() && !OH_ArkWebResourceRequest_IsMainFrame(resourceRequest)) {
+  if (policy->onlyMainHtml && !OH_ArkWebResourceRequest_IsMainFrame(resourceRequest)) {
     logIgnored(*info, url.text, "onlyMainHtml");
     return;
   }
-  if (policy.isInRuntimeList(url.text)) {
+  if (manager.isInRuntimeList(url.text)) {
     logIgnored(*info, url.text, "runtimeWhiteList");
     return;
   }
-  if (policy.isInWhiteList(url.text)) {
+  if (policy->isInWhiteList(url.text)) {
     logIgnored(*info, url.text, "matchWhiteList");
     return;
   }
   EngineString method;
-  if (policy.hasWhiteMethods()) {
+  if (policy->hasWhiteMethods()) {
     OH_ArkWebResourceRequest_GetMethod(resourceRequest, &method.text);
-    if (method.text && policy.isInWhiteMethod(method.text)) {
+    if (method.text && policy->isInWhiteMethod(method.text)) {
       logIgnored(*info, url.text, "matchWhiteMethod");
       return;
     }
