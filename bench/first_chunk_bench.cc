@@ -16,6 +16,7 @@
 #include "bound_page.h"
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/first_chunk_storage.h"
+#include "gantry_ssr/host_config.h"
 #include "gantry_ssr/ssr_service.h"
 #include "hilog/log.h"
 #include "origin_server.h"
@@ -33,7 +34,7 @@ struct Bench {
   velora_test::OriginServer origin;
   velora_test::BoundPage page{"bench-ssr"};
 
-  Bench() { gantry_ssr::SsrService::setRules({origin.url("/fcc/")}); }
+  Bench() { gantry_ssr::setRules({origin.url("/fcc/")}); }
 
   std::string renderedPage() { return origin.url("/fcc/render?wait=400&delay=100&size=20000"); }
   std::string largePage(size_t size) {

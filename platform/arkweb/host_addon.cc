@@ -15,6 +15,7 @@
 #include "arkweb_host/web_component.h"
 #include "napi/native_api.h"
 #include "omni/ability.h"
+#include "omni/ability_registry.h"
 
 napi_status velora_register_platform_module(napi_env env, const char* name, napi_value value);
 

@@ -1,5 +1,6 @@
 // flume on libcurl: one multi handle driven by one event thread.
 #include "flume/flume.h"
+#include "flume/host_config.h"
 
 #include <curl/curl.h>
 #include <strings.h>
@@ -584,8 +585,8 @@ void FLHttpSession::cancel(const std::shared_ptr<FLHttpRequest>& request) {
     core_->cancel(request);
 }
 
-void FLHttpSession::setDefaultTimeouts(long connectMs, long idleMs) {
-  core_->setDefaultTimeouts(connectMs, idleMs);
+void setDefaultTimeouts(long connectMs, long idleMs) {
+  FLHttpSession::getSession()->core_->setDefaultTimeouts(connectMs, idleMs);
 }
 
 }  // namespace flume

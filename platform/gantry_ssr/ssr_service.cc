@@ -1,5 +1,6 @@
 // The SSR gateway client on the flume carrier.
 #include "gantry_ssr/ssr_service.h"
+#include "gantry_ssr/host_config.h"
 
 #include <mutex>
 
@@ -107,7 +108,7 @@ void SsrService::asyncCall(const std::shared_ptr<SsrRequest>& request,
   flume::FLHttpSession::getSession()->send(httpRequest, new CallListener(request, listener));
 }
 
-void SsrService::setRules(std::vector<std::string> prefixes) {
+void setRules(std::vector<std::string> prefixes) {
   std::vector<std::string> kept;
   for (auto& prefix : prefixes) {
     if (!prefix.empty())
@@ -118,7 +119,7 @@ void SsrService::setRules(std::vector<std::string> prefixes) {
   r.prefixes = std::move(kept);
 }
 
-std::vector<std::string> SsrService::getRules() {
+std::vector<std::string> getRules() {
   Rules& r = rules();
   std::lock_guard<std::mutex> lock(r.mutex);
   return r.prefixes;

@@ -1,6 +1,7 @@
 // The ability framework on the host: a registry by name, abilities found in
 // loaded libraries with dlsym, and synchronous calls with a bounded wait.
 #include "omni/ability.h"
+#include "omni/ability_registry.h"
 
 #include <dlfcn.h>
 

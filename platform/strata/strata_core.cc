@@ -2,6 +2,7 @@
 // whole on every change; lookups answered by two worker threads that read the
 // file (from the folder or the .zip) straight into the response.
 #include "strata/strata_core.h"
+#include "strata/host_config.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -542,11 +543,11 @@ void Access::getResource(const ResourceRequest& request, Completion completion) 
   library().submit(request, std::move(completion));
 }
 
-void Access::pause() {
+void pauseLookups() {
   library().setPaused(true);
 }
 
-void Access::resume() {
+void resumeLookups() {
   library().setPaused(false);
 }
 

@@ -1,6 +1,7 @@
 // Host tern::ICacheService: every store is a slice of one SQLite table
 // kv(store, key, value) in one WAL database file shared by all processes.
 #include "tern/cache_service.h"
+#include "tern/host_config.h"
 
 #include <sqlite3.h>
 
@@ -171,7 +172,7 @@ std::shared_ptr<ICacheService> ICacheService::of(const std::string& name) {
   return std::make_shared<SqliteCacheService>(name);
 }
 
-void ICacheService::useDatabase(const std::string& path, int busyTimeoutMs) {
+void useDatabase(const std::string& path, int busyTimeoutMs) {
   Database::instance().use(path, busyTimeoutMs);
 }
 

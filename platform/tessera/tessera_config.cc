@@ -1,6 +1,7 @@
 // Host tessera: configuration values from a JSON file, watched with inotify.
 // Listener calls and reloads happen on the library's own thread.
 #include "tessera/tessera_config.h"
+#include "tessera/host_config.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -8,6 +8,7 @@
 
 #include "common/host_env.h"
 #include "tern/time_utils.h"
+#include "tide_logger/log_capture.h"
 
 namespace tide {
 namespace {

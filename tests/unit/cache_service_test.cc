@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tern/cache_service.h"
+#include "tern/host_config.h"
 #include "test_support.h"
 
 using tern::ICacheService;
@@ -19,10 +20,10 @@ namespace {
 class ScopedDatabase {
  public:
   explicit ScopedDatabase(const std::string& path, int busyTimeoutMs = 2000) {
-    ICacheService::useDatabase(path, busyTimeoutMs);
+    tern::useDatabase(path, busyTimeoutMs);
   }
   ~ScopedDatabase() {
-    ICacheService::useDatabase(std::string(std::getenv("VELORA_DATA_DIR")) + "/store.db");
+    tern::useDatabase(std::string(std::getenv("VELORA_DATA_DIR")) + "/store.db");
   }
 };
 

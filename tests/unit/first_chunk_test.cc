@@ -14,6 +14,7 @@
 #include "tern/time_utils.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 using velora::FirstChunkContext;
 using velora::FirstChunkHandler;

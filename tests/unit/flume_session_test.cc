@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "flume/flume.h"
+#include "flume/host_config.h"
 #include "origin_server.h"
 #include "test_support.h"
 
@@ -193,8 +194,7 @@ TEST(FlumeSession, AStalledRequestDoesNotHoldUpTheNextToTheSameHost) {
 
 TEST(FlumeSession, SilentServersEndInOneErrorAfterTheIdleTimeout) {
   OriginServer origin;
-  auto session = flume::FLHttpSession::getSession();
-  session->setDefaultTimeouts(2000, 1000);
+  flume::setDefaultTimeouts(2000, 1000);
   for (const char* path : {"/stall?after=100", "/delay?ms=20000"}) {
     auto start = std::chrono::steady_clock::now();
     FetchResult result = fetch(origin.url(path));
@@ -206,5 +206,5 @@ TEST(FlumeSession, SilentServersEndInOneErrorAfterTheIdleTimeout) {
   auto patient = flume::FLHttpRequest::create(origin.url("/delay?ms=1500"));
   patient->setIdleTimeoutMs(5000);
   EXPECT_EQ(fetch(patient).status, 200);
-  session->setDefaultTimeouts(30000, 60000);
+  flume::setDefaultTimeouts(30000, 60000);
 }

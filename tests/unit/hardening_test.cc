@@ -14,9 +14,11 @@
 #include "tern/base64.h"
 #include "tern/cache_service.h"
 #include "tern/string_utils.h"
+#include "tessera/host_config.h"
 #include "tessera/tessera_config.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 #include "user_agent/user_agent_helper.h"
 
 using velora_test::BoundPage;

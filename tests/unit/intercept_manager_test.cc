@@ -8,9 +8,11 @@
 
 #include "tern/cache_service.h"
 #include "tern/executor_service.h"
+#include "tessera/host_config.h"
 #include "tessera/tessera_config.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 using velora::InterceptManager;
 

@@ -10,6 +10,7 @@
 #include "hilog/log.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 namespace {
 

@@ -10,9 +10,11 @@
 #include "hilog/log.h"
 #include "origin_server.h"
 #include "scheme/page_binding.h"
+#include "strata/host_config.h"
 #include "strata/strata_core.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 #include "web_request/web_request.h"
 
 namespace fs = std::filesystem;
@@ -126,13 +128,13 @@ TEST_F(OfflineCacheTest, ARequestGoneBeforeTheLookupEndsProducesNothing) {
   install({origin.url("/site/index.html")}, "packaged");
   velora_test::HilogCapture hilog;
   tide::LogCapture log;
-  StrataCore::Access::pause();
+  StrataCore::pauseLookups();
   LoadOptions options(origin.url("/site/index.html"));
   options.cancelAfterMs = 50;
   LoadResult result = load(options);
   EXPECT_EQ(result.error, ARKWEB_ERR_ABORTED);
   EXPECT_EQ(log.find("~WebRequest").size(), 1u);
-  StrataCore::Access::resume();
+  StrataCore::resumeLookups();
   // The lookup still runs, but nobody is there to answer or to fall back.
   LoadResult next = load(origin.url("/bytes/1"));
   EXPECT_EQ(next.bodySize, 1u);

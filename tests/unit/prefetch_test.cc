@@ -12,6 +12,7 @@
 #include "prefetch/prefetch_request_cache.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 using velora::HeaderMultimap;
 using velora::PrefetchNetwork;

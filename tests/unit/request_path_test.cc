@@ -16,6 +16,7 @@
 #include "scheme/scheme_handler.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;

@@ -7,8 +7,10 @@
 #include "first_chunk/first_chunk_handler.h"
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/first_chunk_storage.h"
+#include "gantry_ssr/host_config.h"
 #include "gantry_ssr/ssr_service.h"
 #include "omni/ability.h"
+#include "omni/ability_registry.h"
 #include "omni_ability/api_info_helper.h"
 #include "origin_server.h"
 #include "tern/cache_service.h"
@@ -16,6 +18,7 @@
 #include "tern/time_utils.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 
 using velora::FirstChunkStorage;
 using velora_test::OriginServer;
@@ -29,7 +32,7 @@ class SsrAbility : public ::testing::Test {
     adapter_ = omni::AbilityAdapter::create("velora");
   }
   void TearDown() override {
-    gantry_ssr::SsrService::setRules({});
+    gantry_ssr::setRules({});
     tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
   }
 
@@ -101,7 +104,7 @@ TEST_F(SsrAbility, SetAndRemoveManageThePageRecords) {
 
 TEST_F(SsrAbility, PreloadFetchesTheFirstChunkOnlyWhenNeeded) {
   OriginServer origin;
-  gantry_ssr::SsrService::setRules({origin.url("/fcc/")});
+  gantry_ssr::setRules({origin.url("/fcc/")});
   tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(true);
   const std::string page = origin.url("/fcc/warm?wait=50&delay=2000");
 
@@ -136,7 +139,7 @@ TEST_F(SsrAbility, PreloadFetchesTheFirstChunkOnlyWhenNeeded) {
 
 TEST_F(SsrAbility, PreloadReportsTheServersStatusNotTheStoredChunks) {
   OriginServer origin;
-  gantry_ssr::SsrService::setRules({origin.url("/status/"), origin.url("/fcc/")});
+  gantry_ssr::setRules({origin.url("/status/"), origin.url("/fcc/")});
   tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(true);
   const std::string page = origin.url("/status/503");
   ASSERT_TRUE(call("setFirstChunkCache", page, {{"html", "<p>stored</p>"}}).isSuccess());

@@ -13,9 +13,11 @@
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/first_chunk_storage.h"
 #include "first_chunk/ssr_client_info.h"
+#include "gantry_ssr/host_config.h"
 #include "gantry_ssr/ssr_service.h"
 #include "network/net_service.h"
 #include "omni/ability.h"
+#include "omni/ability_registry.h"
 #include "omni_ability/api_info_helper.h"
 #include "origin_server.h"
 #include "prefetch/prefetch_network.h"
@@ -25,6 +27,7 @@
 #include "tern/time_utils.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
+#include "tide_logger/log_capture.h"
 #include "utils/simple_url_parser.h"
 
 using arkweb_host::LoadOptions;
@@ -48,12 +51,12 @@ class SsrPath : public ::testing::Test {
   void SetUp() override {
     stats_ = std::string(std::getenv("VELORA_DATA_DIR")) + "/stats.jsonl";
     setenv("VELORA_STATS", stats_.c_str(), 1);
-    gantry_ssr::SsrService::setRules({origin_.url("/fcc/"), origin_.url("/echo"),
-                                      origin_.url("/headers"), origin_.url("/status/")});
+    gantry_ssr::setRules({origin_.url("/fcc/"), origin_.url("/echo"), origin_.url("/headers"),
+                          origin_.url("/status/")});
     setFcc(true);
   }
   void TearDown() override {
-    gantry_ssr::SsrService::setRules({});
+    gantry_ssr::setRules({});
     setFcc(false);
     velora::SSRClientInfo::setWidth(0);
     velora::SSRClientInfo::setHeight(0);
@@ -215,7 +218,7 @@ TEST_F(SsrPath, AnExpiredRecordIsRemovedAndNotServed) {
 TEST_F(SsrPath, GatewayFailuresReachTheEngineAsFailed) {
   const std::string refused =
       "http://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/fcc/";
-  gantry_ssr::SsrService::setRules({refused});
+  gantry_ssr::setRules({refused});
   BoundPage page("ssr");
   tide::LogCapture log;
   setFcc(false);

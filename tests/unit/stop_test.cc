@@ -10,6 +10,7 @@
 #include "bound_page.h"
 #include "origin_server.h"
 #include "prefetch/prefetch_network.h"
+#include "strata/host_config.h"
 #include "strata/strata_core.h"
 #include "test_support.h"
 
@@ -110,7 +111,7 @@ VELORA_CHILD(ExitWithWorkInFlight) {
     options.keepBody = false;
     page->web().load(options, [](LoadResult) {});
   }
-  StrataCore::Access::pause();
+  StrataCore::pauseLookups();
   for (int i = 0; i < 10; ++i) {
     StrataCore::Access::getResource(StrataCore::ResourceRequest("https://a.test/x", {}),
                                     [](std::unique_ptr<StrataCore::ResourceResponse>) {});

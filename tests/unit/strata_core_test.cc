@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "strata/host_config.h"
 #include "test_support.h"
 
 namespace fs = std::filesystem;
@@ -80,7 +81,7 @@ class StrataCoreTest : public ::testing::Test {
 std::atomic<int> g_answeredAtShutdown{0};  // trivially destroyed: usable at exit
 
 VELORA_CHILD(StrataShutdownAnswersPending) {
-  Access::pause();
+  StrataCore::pauseLookups();
   std::atomic<int>* answered = &g_answeredAtShutdown;
   for (int i = 0; i < 10; ++i) {
     Access::getResource(StrataCore::ResourceRequest("https://a.test/x", {}),

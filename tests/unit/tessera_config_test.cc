@@ -5,6 +5,7 @@
 #include <mutex>
 #include <vector>
 
+#include "tessera/host_config.h"
 #include "test_support.h"
 
 namespace {

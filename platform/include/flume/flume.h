@@ -189,14 +189,12 @@ class FLHttpSession {
   // code 42 (aborted). Any thread; a no-op for an ended transfer.
   void cancel(const std::shared_ptr<FLHttpRequest>& request);
 
-  // Host configuration for transfers started from now on: giving up on a
-  // connection after `connectMs`, and on a transfer when no byte moved for
-  // `idleMs` (0: never). Defaults: $VELORA_CONNECT_TIMEOUT_MS (30 s) and
-  // $VELORA_IDLE_TIMEOUT_MS (60 s). A request that fails so gets one Error
-  // (code 28). Methods and head fields that are not tokens, and values
-  // holding CR, LF or NUL, never reach the wire: the field is left out, the
-  // request with such a method fails (code 43); an empty method is a GET.
-  void setDefaultTimeouts(long connectMs, long idleMs);
+  // Transfers give up on a connection after a connect timeout and when no
+  // byte moved for an idle timeout (defaults $VELORA_CONNECT_TIMEOUT_MS, 30 s,
+  // and $VELORA_IDLE_TIMEOUT_MS, 60 s), with one Error (code 28). Methods
+  // and head fields that are not tokens, and values holding CR, LF or NUL,
+  // never reach the wire: the field is left out, a request with such a method
+  // fails (code 43); an empty method is a GET.
 
   explicit FLHttpSession(std::unique_ptr<SessionCore> core);
   ~FLHttpSession();
@@ -205,6 +203,7 @@ class FLHttpSession {
   // then on send and cancel do nothing.
 
  private:
+  friend void setDefaultTimeouts(long connectMs, long idleMs);
   std::unique_ptr<SessionCore> core_;
 };
 

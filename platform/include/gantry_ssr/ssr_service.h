@@ -72,7 +72,8 @@ class SsrListener {
 // Its rules are process-wide, whichever instance is asked.
 class SsrService {
  public:
-  // True when the gateway serves `url`: it starts with one of the prefixes.
+  // True when the gateway serves `url`: it starts with one of the configured
+  // URL prefixes ($VELORA_SSR_RULES, comma-separated, on the host).
   bool validate(const std::string& url) const;
 
   // Sends `request` and streams its answer to `listener`, which is kept
@@ -80,11 +81,6 @@ class SsrService {
   // carrier's thread. Redirects are delivered as they are.
   void asyncCall(const std::shared_ptr<SsrRequest>& request,
                  const std::shared_ptr<SsrListener>& listener);
-
-  // Host configuration: replaces the prefixes (empty ones are ignored). The
-  // first ones come from VELORA_SSR_RULES (comma-separated URL prefixes).
-  static void setRules(std::vector<std::string> prefixes);
-  static std::vector<std::string> getRules();
 };
 
 }  // namespace gantry_ssr

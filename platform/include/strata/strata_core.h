@@ -70,11 +70,6 @@ class Access {
   // manifest's headers on a hit, with the error set otherwise (also when the
   // library shuts down first).
   static void getResource(const ResourceRequest& request, Completion completion);
-
-  // Host: holds lookups queued (unanswered) until resume(), for tools that
-  // change many packages at once and for tests.
-  static void pause();
-  static void resume();
 };
 
 // The installed packages of $VELORA_PACKAGES_DIR (default

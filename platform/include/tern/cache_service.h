@@ -19,11 +19,6 @@ class ICacheService {
   // The store named `name`. Cheap: the database is opened on first use.
   static std::shared_ptr<ICacheService> of(const std::string& name);
 
-  // Host configuration: use the database file at `path` from now on (the
-  // default is $VELORA_DATA_DIR/store.db), waiting at most `busyTimeoutMs` for
-  // a lock held by another connection.
-  static void useDatabase(const std::string& path, int busyTimeoutMs = 2000);
-
   // The value of `key`, or nothing when it is absent or cannot be read.
   virtual std::optional<std::string> get(const std::string& key) = 0;
 

@@ -38,10 +38,6 @@ class ITesseraConfig {
 // the file changes.
 ITesseraConfig* getITesseraConfig();
 
-// Host configuration: read values from `path` from now on (applied at once,
-// listeners of changed namespaces are called).
-void useConfigFile(const std::string& path);
-
 }  // namespace tessera
 
 #endif  // TESSERA_TESSERA_CONFIG_H

@@ -11,7 +11,6 @@
 #define TIDE_LOGGER_LOG_H
 
 #include <cstdint>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -85,28 +84,6 @@ class LogBuilder {
 class Log {
  public:
   static LogBuilder build(int level, const std::string& tag) { return LogBuilder(level, tag); }
-};
-
-// Collects every entry emitted in this process while it is alive (for tests
-// and tools). Thread-safe.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<nlohmann::ordered_json> entries() const;
-  // Entries whose "event" is `event` (and whose "tag" is `tag`, when given).
-  std::vector<nlohmann::ordered_json> find(const std::string& event,
-                                           const std::string& tag = std::string()) const;
-  void clear();
-
-  void add(const nlohmann::ordered_json& entry);
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<nlohmann::ordered_json> entries_;
 };
 
 }  // namespace tide
