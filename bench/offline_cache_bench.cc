@@ -18,6 +18,7 @@
 #include "hilog/log.h"
 #include "origin_server.h"
 #include "strata/strata_core.h"
+#include "strata/host_config.h"
 
 namespace fs = std::filesystem;
 
@@ -35,7 +36,7 @@ struct Fixture {
 
   Fixture() {
     fs::create_directories(dir + "/source");
-    setenv("VELORA_PACKAGES_DIR", (dir + "/packages").c_str(), 1);
+    StrataCore::usePackagesDir((dir + "/packages"));
     file = dir + "/source/resource.bin";
     std::ofstream(file, std::ios::binary) << velora_test::patternBytes(0, kResourceSize);
     nlohmann::json manifest = {{"id", "bench"},

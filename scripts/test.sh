@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds with the given preset (default: "default") and runs every suite:
-# the GoogleTest suites through ctest, then the node:test suites.
+# Builds with the given preset (default, asan, tsan or clang) and runs every
+# suite: the GoogleTest suite through ctest (one process per test) and once
+# more whole in one process, then the node:test suites.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"
@@ -12,15 +13,21 @@ ctest --preset "$preset" -j2
 
 build_dir=build
 [ "$preset" = default ] || build_dir="build-$preset"
+unit_env=()
 node_env=()
 case "$preset" in
   # Leaks are checked in the script suites too; allocation stacks stay shallow
   # so that the suppressions of Node's own memory match only Node's.
-  asan) node_env=(LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)"
+  asan) unit_env=(ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+                  UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1")
+        node_env=(LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so)"
                   ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:malloc_context_size=4"
                   LSAN_OPTIONS="suppressions=$PWD/tests/js/lsan-node.supp"
                   UBSAN_OPTIONS="halt_on_error=1") ;;
-  tsan) node_env=(LD_PRELOAD="$(g++ -print-file-name=libtsan.so)"
+  tsan) unit_env=(TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1")
+        node_env=(LD_PRELOAD="$(g++ -print-file-name=libtsan.so)"
                   TSAN_OPTIONS="halt_on_error=1:suppressions=$PWD/tests/js/tsan-node.supp") ;;
 esac
+# Tests must not depend on running alone.
+env "${unit_env[@]}" "$build_dir/tests/velora_unit_tests" --gtest_brief=1
 env "${node_env[@]}" VELORA_BUILD_DIR="$build_dir" node --test tests/js/

@@ -1,5 +1,8 @@
 // Host analytics: one JSON line per point in $VELORA_STATS.
 #include "analytics/alarm_commit.h"
+#include "analytics/host_config.h"
+
+#include <atomic>
 
 #include <nlohmann/json.hpp>
 
@@ -8,15 +11,21 @@
 
 namespace {
 
-host::LineSink& statsSink() {
-  static host::LineSink* sink = new host::LineSink(host::envOr("VELORA_STATS", ""));
-  return *sink;
+// The sink in use; replaced sinks are kept (never destroyed), as a commit on
+// another thread may still be writing to one.
+std::atomic<host::LineSink*>& statsSink() {
+  static std::atomic<host::LineSink*> sink{new host::LineSink(host::envOr("VELORA_STATS", ""))};
+  return sink;
 }
 
 }  // namespace
 
+void alarmUseStatsFile(const std::string& path) {
+  statsSink().store(new host::LineSink(path));
+}
+
 void alarmCommitSuccess2(const char* module, const char* monitorPoint, const char* arg) {
-  host::LineSink& sink = statsSink();
+  host::LineSink& sink = *statsSink().load();
   if (!sink.enabled()) {
     return;
   }

@@ -410,7 +410,19 @@ class Library {
     wake_.notify_all();
   }
 
-  const std::string& dir() const { return dir_; }
+  // Guarded by changeMutex_ for writers; read by lookups through the index.
+  std::string dir() const {
+    std::lock_guard<std::mutex> lock(dirMutex_);
+    return dir_;
+  }
+  void useDir(const std::string& dir) {
+    std::lock_guard<std::mutex> change(changeMutex_);
+    {
+      std::lock_guard<std::mutex> lock(dirMutex_);
+      dir_ = dir;
+    }
+    swapIndexLocked();
+  }
   std::shared_ptr<const Index> index() const { return std::atomic_load(&index_); }
 
   void rescan() {
@@ -420,7 +432,7 @@ class Library {
 
   std::mutex& changeMutex() { return changeMutex_; }
 
-  void swapIndexLocked() { std::atomic_store(&index_, buildIndex(dir_)); }
+  void swapIndexLocked() { std::atomic_store(&index_, buildIndex(dir())); }
 
  private:
   struct Job {
@@ -513,7 +525,8 @@ class Library {
     return response;
   }
 
-  const std::string dir_;
+  mutable std::mutex dirMutex_;
+  std::string dir_;                     // guarded by dirMutex_
   std::shared_ptr<const Index> index_;  // atomic load/store only
   std::mutex changeMutex_;              // one change of the folder at a time
   std::mutex mutex_;
@@ -541,6 +554,18 @@ void Access::getResource(const ResourceRequest& request, Completion completion) 
   if (!completion)
     return;
   library().submit(request, std::move(completion));
+}
+
+bool inspectPackage(const std::string& path, PackageInfo* info, std::string* error) {
+  std::string ignored;
+  std::optional<Package> package = loadPackage(path, error ? error : &ignored);
+  if (package && info)
+    *info = package->info;
+  return package.has_value();
+}
+
+void usePackagesDir(const std::string& dir) {
+  library().useDir(dir);
 }
 
 void pauseLookups() {

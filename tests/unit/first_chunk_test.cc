@@ -248,7 +248,7 @@ TEST(FirstChunkStorage, BrokenOrUnusableRecordsAreNeverServed) {
   store->put(storage.getStorageKey(), "{not json");
   EXPECT_FALSE(storage.write(record(page, "<p>")));
   ASSERT_EQ(log.find("writeFail").size(), 1u);
-  EXPECT_NE(log.find("writeFail")[0]["fields"]["what"], "");
+  EXPECT_NE(log.find("writeFail").at(0)["fields"]["what"], "");
   storage.remove();
   EXPECT_TRUE(storage.write(record(page, "<p>")));
   EXPECT_TRUE(storage.read(page));

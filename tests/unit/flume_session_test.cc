@@ -177,10 +177,10 @@ TEST(FlumeSession, AStalledRequestDoesNotHoldUpTheNextToTheSameHost) {
   OriginServer origin;
   std::vector<std::shared_ptr<flume::FLHttpRequest>> stalled;
   std::vector<std::future<FetchResult>> pending;
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 3; ++i)
     stalled.push_back(flume::FLHttpRequest::create(origin.url("/stall?after=10")));
-    pending.push_back(std::async(std::launch::async, [&, i] { return fetch(stalled[i]); }));
-  }
+  for (const auto& request : stalled)
+    pending.push_back(std::async(std::launch::async, [request] { return fetch(request); }));
   ASSERT_TRUE(velora_test::waitFor([&] { return origin.count("/stall") == 3; }));
   auto quick = std::async(std::launch::async, [&] { return fetch(origin.url("/bytes/10")); });
   bool answered = quick.wait_for(std::chrono::seconds(5)) == std::future_status::ready;

@@ -105,4 +105,5 @@ TEST(Hardening, LineBreaksInTheUserAgentNeverReachTheWire) {
   EXPECT_NE(seen.value("user-agent", ""), "Evil/1.0");
   EXPECT_EQ(seen["accept-language"], "zh-CN,zh;q=0.9,en-CN;q=0.8,en-US;q=0.7,en;q=0.6;");
   velora::PrefetchNetwork::removePrefetch(id);
+  velora::UserAgentHelper::getInstance().setUserAgent("");
 }

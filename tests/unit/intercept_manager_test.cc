@@ -143,7 +143,7 @@ TEST(InterceptRemoteConfig, SavedCopyAppliesWhenRemoteIsEmptyAndBrokenCopiesChan
   tern::ExecutorService::of("Velora", TERN_HERE).waitIdle();
   EXPECT_FALSE(manager().isInterceptEnable());
   EXPECT_TRUE(manager().isInWhiteList("http://local/"));
-  EXPECT_EQ(log.find("updateWhiteListConfig")[0]["fields"]["from"], "local");
+  EXPECT_EQ(log.find("updateWhiteListConfig").at(0)["fields"]["from"], "local");
 
   log.clear();
   manager().setInterceptEnable(true);
@@ -152,7 +152,7 @@ TEST(InterceptRemoteConfig, SavedCopyAppliesWhenRemoteIsEmptyAndBrokenCopiesChan
   EXPECT_TRUE(manager().isInterceptEnable());
   auto failed = log.find("updateTesseraConfigFromLocal");
   ASSERT_EQ(failed.size(), 1u);
-  EXPECT_FALSE(failed[0]["fields"]["what"].get<std::string>().empty());
+  EXPECT_FALSE(failed.at(0)["fields"]["what"].get<std::string>().empty());
 
   // Valid JSON that is no object has no members: nothing changes, nothing to log.
   log.clear();
@@ -190,16 +190,19 @@ TEST(RuntimeWhiteList, PersistsAcrossProcesses) {
   EXPECT_EQ(velora_test::runChild("RuntimeExpect"), 0);
 }
 
-TEST(RuntimeWhiteList, BrokenStoredValueKeepsWhatWasReadAndIsOverwrittenByTheNextAddition) {
+// The list is read once per process: a fresh one reads the broken value.
+VELORA_CHILD(RuntimeBroken) {
   tide::LogCapture log;
-  ASSERT_TRUE(store()->put("runtimeUrls", R"(["u1", 5, "u2"])"));
-  EXPECT_TRUE(manager().isInRuntimeList("xu1"));
-  EXPECT_FALSE(manager().isInRuntimeList("xu2"));
+  bool ok = manager().isInRuntimeList("xu1") && !manager().isInRuntimeList("xu2");
   auto failed = log.find("readRuntimeUrlsFail", "Velora/intercept_manager");
-  ASSERT_EQ(failed.size(), 1u);
-  EXPECT_FALSE(failed[0]["fields"]["what"].get<std::string>().empty());
+  ok = ok && failed.size() == 1 && !failed.at(0)["fields"]["what"].get<std::string>().empty();
   manager().addUrlToRuntimeList("u3");
-  EXPECT_EQ(store()->get("runtimeUrls"), R"(["u1","u3"])");
+  return ok && store()->get("runtimeUrls") == R"(["u1","u3"])" ? 0 : 1;
+}
+
+TEST(RuntimeWhiteList, BrokenStoredValueKeepsWhatWasReadAndIsOverwrittenByTheNextAddition) {
+  ASSERT_TRUE(store()->put("runtimeUrls", R"(["u1", 5, "u2"])"));
+  EXPECT_EQ(velora_test::runChild("RuntimeBroken"), 0);
 }
 
 TEST(InterceptRemoteConfig, ARequestSeesAWholeUpdateOrNone) {

@@ -16,6 +16,7 @@
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
 #include "web_request/web_request.h"
+#include "analytics/host_config.h"
 
 namespace fs = std::filesystem;
 using arkweb_host::LoadOptions;
@@ -27,7 +28,7 @@ namespace {
 class OfflineCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("VELORA_PACKAGES_DIR", packages_.path().c_str(), 1);
+    StrataCore::usePackagesDir(packages_.path());
     web_ = arkweb_host::WebComponent::create("page");
     auto info = std::make_shared<velora::WebInfo>();
     info->webTag = "page";
@@ -145,7 +146,7 @@ TEST_F(OfflineCacheTest, ARequestGoneBeforeTheLookupEndsProducesNothing) {
 
 TEST(RequestStatistics, TextsListEntriesInKeyOrderWithoutEscaping) {
   velora_test::TempDir dir;
-  setenv("VELORA_STATS", dir.file("stats.jsonl").c_str(), 1);
+  alarmUseStatsFile(dir.file("stats.jsonl"));
   auto info = std::make_shared<velora::WebInfo>();
   info->webTag = "p";
   auto request = std::make_shared<velora::WebRequest>(info, nullptr, nullptr);

@@ -161,13 +161,20 @@ TEST(PrefetchRequestCache, AClaimRacingLiveChunksNeverLosesOrRepeatsOne) {
   }
 }
 
+VELORA_CHILD(FirstPrefetchIdIsOne) {
+  return velora::PrefetchNetwork::startPrefetch(
+             std::make_shared<PrefetchRequest>("http://127.0.0.1:1/"), nullptr) == "1"
+             ? 0
+             : 1;
+}
+
 TEST(PrefetchNetwork, IdsCountFromOneAndTheRequestCarriesTheDefaultHeaders) {
+  EXPECT_EQ(velora_test::runChild("FirstPrefetchIdIsOne"), 0);
   OriginServer origin;
   auto receiver = std::make_shared<Recorder>();
   std::string id =
       startPrefetch(origin.url("/headers"), receiver, {{"Accept", "text/plain"}, {"X-Extra", "1"}});
-  EXPECT_EQ(id, "1");
-  EXPECT_EQ(startPrefetch(origin.url("/bytes/1")), "2");
+  EXPECT_EQ(startPrefetch(origin.url("/bytes/1")), std::to_string(std::stoull(id) + 1));
   ASSERT_TRUE(velora_test::waitFor([&] { return receiver->snapshot() == "RDF"; }));
   auto sent = nlohmann::json::parse(receiver->body);
   EXPECT_EQ(sent["accept"], "text/plain");
@@ -177,7 +184,7 @@ TEST(PrefetchNetwork, IdsCountFromOneAndTheRequestCarriesTheDefaultHeaders) {
 
   auto stored = PrefetchNetwork::getPrefetchRequest(id);
   ASSERT_NE(stored, nullptr);
-  EXPECT_EQ(stored->getRequestId(), "1");
+  EXPECT_EQ(stored->getRequestId(), id);
   EXPECT_FALSE(stored->isJustFirstChunk());
   EXPECT_EQ(stored->getHeaders().count("Accept-Encoding"), 1u);
   EXPECT_EQ(stored->getHeaders().at("Accept"), "text/plain");
@@ -234,7 +241,7 @@ TEST(PrefetchTakeover, APageGetsTheBodyByteExactOnceWhenItClaimsEarlyMidwayOrLat
     EXPECT_TRUE(result.body == expected) << "body differs when claimed after " << waitMs << " ms";
     EXPECT_EQ(origin.count("/bytes/" + std::to_string(kSize)),
               waitMs == 0 ? 1 : (waitMs == 120 ? 2 : 3));
-    EXPECT_EQ(log.find("request", "Velora/Network")[0]["fields"]["prefetchHit"], true);
+    EXPECT_EQ(log.find("request", "Velora/Network").at(0)["fields"]["prefetchHit"], true);
   }
 }
 
@@ -271,7 +278,7 @@ TEST(PrefetchTakeover, AFailedPrefetchIsForgottenAndThePageAsksTheNetworkItself)
   BoundPage page("page", id, url);
   tide::LogCapture log;
   page.load(url);
-  EXPECT_EQ(log.find("request", "Velora/Network")[0]["fields"]["prefetchHit"], false);
+  EXPECT_EQ(log.find("request", "Velora/Network").at(0)["fields"]["prefetchHit"], false);
   EXPECT_EQ(origin.count("/reset"), 2);
 }
 

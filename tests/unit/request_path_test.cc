@@ -17,6 +17,7 @@
 #include "test_support.h"
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
+#include "analytics/host_config.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
@@ -115,7 +116,7 @@ TEST(RequestPath, UploadsArriveByteExactSizedAndChunked) {
 
 TEST(RequestPath, FailuresBeforeTheResponseAfterItAndErrorStatuses) {
   velora_test::TempDir dir;
-  setenv("VELORA_STATS", dir.file("stats.jsonl").c_str(), 1);
+  alarmUseStatsFile(dir.file("stats.jsonl"));
   OriginServer origin;
   BoundPage page("page");
   tide::LogCapture log;
@@ -135,9 +136,9 @@ TEST(RequestPath, FailuresBeforeTheResponseAfterItAndErrorStatuses) {
 
   ASSERT_TRUE(velora_test::waitFor([&] { return log.find("finished").size() == 3; }));
   auto failed = log.find("finished", "Velora/Network");
-  EXPECT_EQ(failed[0]["level"], 1);
-  EXPECT_EQ(failed[0]["fields"]["statusCode"], 7);
-  EXPECT_FALSE(failed[0]["error"].get<std::string>().empty());
+  EXPECT_EQ(failed.at(0)["level"], 1);
+  EXPECT_EQ(failed.at(0)["fields"]["statusCode"], 7);
+  EXPECT_FALSE(failed.at(0)["error"].get<std::string>().empty());
 
   std::ifstream stats(dir.file("stats.jsonl"));
   std::string line;
@@ -194,7 +195,7 @@ TEST(RequestPath, PolicyDeclinesWithTheFirstMatchingReasonAndSomeSilently) {
   EXPECT_FALSE(page.load(offline("http://h.test/form", true, "POST")).intercepted);
   EXPECT_EQ(reasonsLogged(log), (std::vector<std::string>{"onlyMainHtml", "runtimeWhiteList",
                                                           "matchWhiteList", "matchWhiteMethod"}));
-  EXPECT_EQ(log.find("ignoreIntercept")[0]["id"], "page");
+  EXPECT_EQ(log.find("ignoreIntercept").at(0)["id"], "page");
 
   log.clear();
   EXPECT_FALSE(page.load(offline(velora::kSecurityUrlEndpoint)).intercepted);

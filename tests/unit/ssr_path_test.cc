@@ -29,6 +29,7 @@
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
 #include "utils/simple_url_parser.h"
+#include "analytics/host_config.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
@@ -49,8 +50,8 @@ void setFcc(bool on) {
 class SsrPath : public ::testing::Test {
  protected:
   void SetUp() override {
-    stats_ = std::string(std::getenv("VELORA_DATA_DIR")) + "/stats.jsonl";
-    setenv("VELORA_STATS", stats_.c_str(), 1);
+    stats_ = statsDir_.file("stats.jsonl");
+    alarmUseStatsFile(stats_);
     gantry_ssr::setRules({origin_.url("/fcc/"), origin_.url("/echo"), origin_.url("/headers"),
                           origin_.url("/status/")});
     setFcc(true);
@@ -99,6 +100,7 @@ class SsrPath : public ::testing::Test {
   }
 
   OriginServer origin_;
+  velora_test::TempDir statsDir_;
   std::string stats_;
 };
 

@@ -71,7 +71,7 @@ std::unique_ptr<StrataCore::ResourceResponse> lookup(const std::string& url) {
 
 class StrataCoreTest : public ::testing::Test {
  protected:
-  void SetUp() override { setenv("VELORA_PACKAGES_DIR", installed_.path().c_str(), 1); }
+  void SetUp() override { StrataCore::usePackagesDir(installed_.path()); }
   velora_test::TempDir installed_;
   velora_test::TempDir sources_;
 };

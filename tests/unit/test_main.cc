@@ -4,7 +4,38 @@
 
 #include <cstdlib>
 
+#include "first_chunk/first_chunk_manager.h"
+#include "first_chunk/ssr_client_info.h"
+#include "gantry_ssr/host_config.h"
+#include "intercept/intercept_manager.h"
+#include "napi/sdk_init_info.h"
+#include "tern/singleton.h"
 #include "test_support.h"
+
+namespace {
+
+// Every test starts from the module's defaults, whichever tests ran before it
+// in this process (ctest runs each alone; a plain run runs them all in one).
+class ResetBetweenTests : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo&) override {
+    velora::InterceptManager& policy = velora::InterceptManager::getInstance();
+    policy.setInterceptEnable(true);
+    policy.setOnlyMainHtml(false);
+    policy.setInterceptMimeType(false);
+    policy.setWhiteUrlList({});
+    policy.setWhiteMethods({});
+    tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
+    gantry_ssr::setRules({});
+    velora::SdkInitInfo::getInstance().setDebug(false);
+    velora::SSRClientInfo::setWidth(0);
+    velora::SSRClientInfo::setHeight(0);
+    velora::SSRClientInfo::setLandscape(false);
+    velora::SSRClientInfo::setSafeAreaHeight(0);
+    velora::SSRClientInfo::setDeviceRatio(0);
+  }
+};
+
+}  // namespace
 
 int main(int argc, char** argv) {
   int status = 0;
@@ -14,5 +45,6 @@ int main(int argc, char** argv) {
   velora_test::TempDir dataDir;
   setenv("VELORA_DATA_DIR", dataDir.path().c_str(), 1);
   ::testing::InitGoogleTest(&argc, argv);
+  ::testing::UnitTest::GetInstance()->listeners().Append(new ResetBetweenTests);
   return RUN_ALL_TESTS();
 }
