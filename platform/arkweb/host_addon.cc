@@ -3,12 +3,14 @@
 //   const host = require('./build/arkweb_host.node');
 //   const web = host.createWebComponent('page1');
 //   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
-//                                onData(chunk, atMs) {}, cancelAfterMs });
+//                                onResponse(status, headers) {}, onData(chunk, atMs) {},
+//                                cancelAfterMs, keepBody });
 //   web.destroy();
 //   host.loadAbility(libraryPath, 'SSRAbility');           // true when found
 //   const result = await host.callAbility('SSRAbility', 'setFirstChunkCache',
 //                                         { pageUrl: url }, { html });
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -96,17 +98,62 @@ bool bytesOf(napi_env env, napi_value value, std::string* out) {
 
 // Events of one load, carried to the script thread in order.
 struct LoadEvent {
-  bool done = false;
-  std::string chunk;
-  double atMs = 0;
-  LoadResult result;
+  enum Kind { kResponse, kData, kDone } kind = kData;
+  int status = 0;                   // kResponse
+  arkweb_host::HeaderList headers;  // kResponse
+  LoadResult result;                // kDone
 };
 
+// One load from script. Body pieces are batched: while a data event waits
+// for the script thread, later pieces join it, so a busy script gets few
+// large buffers and an idle one gets every piece at once.
 struct LoadContext {
   napi_deferred deferred = nullptr;
   napi_ref onData = nullptr;
+  napi_ref onResponse = nullptr;
   napi_threadsafe_function events = nullptr;
+  std::mutex mutex;
+  std::string pending;      // guarded by mutex
+  double pendingAtMs = 0;   // guarded by mutex: when its first byte came
+  bool dataQueued = false;  // guarded by mutex
 };
+
+// Hands `bytes` to script without copying them.
+napi_value externalBuffer(napi_env env, std::string&& bytes) {
+  if (bytes.empty()) {
+    napi_value empty;
+    void* data = nullptr;
+    napi_create_buffer(env, 0, &data, &empty);
+    return empty;
+  }
+  auto* owned = new std::string(std::move(bytes));
+  napi_value buffer;
+  if (napi_create_external_buffer(
+          env, owned->size(), owned->data(),
+          [](napi_env, void*, void* hint) { delete static_cast<std::string*>(hint); }, owned,
+          &buffer) != napi_ok) {
+    // Runtimes that refuse external buffers get a copy.
+    void* copy = nullptr;
+    napi_create_buffer_copy(env, owned->size(), owned->data(), &copy, &buffer);
+    delete owned;
+  }
+  return buffer;
+}
+
+napi_value headerPairs(napi_env env, const arkweb_host::HeaderList& list) {
+  napi_value headers;
+  napi_create_array_with_length(env, list.size(), &headers);
+  for (size_t i = 0; i < list.size(); ++i) {
+    napi_value pair, name, headerValue;
+    napi_create_array_with_length(env, 2, &pair);
+    napi_create_string_utf8(env, list[i].first.c_str(), list[i].first.size(), &name);
+    napi_create_string_utf8(env, list[i].second.c_str(), list[i].second.size(), &headerValue);
+    napi_set_element(env, pair, 0, name);
+    napi_set_element(env, pair, 1, headerValue);
+    napi_set_element(env, headers, static_cast<uint32_t>(i), pair);
+  }
+  return headers;
+}
 
 napi_value number(napi_env env, double value) {
   napi_value result;
@@ -122,7 +169,7 @@ napi_value optionalNumber(napi_env env, double value) {
   return nullValue;
 }
 
-napi_value resultObject(napi_env env, const LoadResult& result) {
+napi_value resultObject(napi_env env, LoadResult& result) {
   napi_value object, value;
   napi_create_object(env, &object);
   napi_get_boolean(env, result.intercepted, &value);
@@ -132,27 +179,12 @@ napi_value resultObject(napi_env env, const LoadResult& result) {
   napi_set_named_property(env, object, "status", number(env, result.status));
   napi_create_string_utf8(env, result.statusText.c_str(), result.statusText.size(), &value);
   napi_set_named_property(env, object, "statusText", value);
-  napi_value headers;
-  napi_create_array_with_length(env, result.headers.size(), &headers);
-  for (size_t i = 0; i < result.headers.size(); ++i) {
-    napi_value pair, name, headerValue;
-    napi_create_array_with_length(env, 2, &pair);
-    napi_create_string_utf8(env, result.headers[i].first.c_str(), result.headers[i].first.size(),
-                            &name);
-    napi_create_string_utf8(env, result.headers[i].second.c_str(), result.headers[i].second.size(),
-                            &headerValue);
-    napi_set_element(env, pair, 0, name);
-    napi_set_element(env, pair, 1, headerValue);
-    napi_set_element(env, headers, static_cast<uint32_t>(i), pair);
-  }
-  napi_set_named_property(env, object, "headers", headers);
+  napi_set_named_property(env, object, "headers", headerPairs(env, result.headers));
   napi_create_string_utf8(env, result.mimeType.c_str(), result.mimeType.size(), &value);
   napi_set_named_property(env, object, "mimeType", value);
   napi_create_string_utf8(env, result.charset.c_str(), result.charset.size(), &value);
   napi_set_named_property(env, object, "charset", value);
-  void* copy = nullptr;
-  napi_create_buffer_copy(env, result.body.size(), result.body.data(), &copy, &value);
-  napi_set_named_property(env, object, "body", value);
+  napi_set_named_property(env, object, "body", externalBuffer(env, std::move(result.body)));
   napi_set_named_property(env, object, "bodySize",
                           number(env, static_cast<double>(result.bodySize)));
   if (result.error != 0) {
@@ -172,27 +204,46 @@ napi_value resultObject(napi_env env, const LoadResult& result) {
   return object;
 }
 
+void callScript(napi_env env, napi_ref function, size_t argc, napi_value* argv) {
+  napi_value callback, undefined;
+  napi_get_reference_value(env, function, &callback);
+  napi_get_undefined(env, &undefined);
+  napi_call_function(env, undefined, callback, argc, argv, nullptr);
+}
+
 void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* eventData) {
   auto* context = static_cast<LoadContext*>(contextData);
   std::unique_ptr<LoadEvent> event(static_cast<LoadEvent*>(eventData));
   if (!env)
     return;  // the environment is going away
-  if (!event->done) {
-    if (!context->onData)
+  switch (event->kind) {
+    case LoadEvent::kResponse: {
+      napi_value args[2] = {number(env, event->status), headerPairs(env, event->headers)};
+      callScript(env, context->onResponse, 2, args);
       return;
-    napi_value callback, undefined, args[2];
-    napi_get_reference_value(env, context->onData, &callback);
-    napi_get_undefined(env, &undefined);
-    void* copy = nullptr;
-    napi_create_buffer_copy(env, event->chunk.size(), event->chunk.data(), &copy, &args[0]);
-    args[1] = number(env, event->atMs);
-    napi_call_function(env, undefined, callback, 2, args, nullptr);
-    return;
+    }
+    case LoadEvent::kData: {
+      std::string bytes;
+      double atMs = 0;
+      {
+        std::lock_guard<std::mutex> lock(context->mutex);
+        bytes.swap(context->pending);
+        atMs = context->pendingAtMs;
+        context->dataQueued = false;
+      }
+      napi_value args[2] = {externalBuffer(env, std::move(bytes)), number(env, atMs)};
+      callScript(env, context->onData, 2, args);
+      return;
+    }
+    case LoadEvent::kDone:
+      break;
   }
   napi_resolve_deferred(env, context->deferred, resultObject(env, event->result));
-  if (context->onData)
-    napi_delete_reference(env, context->onData);
-  context->onData = nullptr;
+  for (napi_ref* ref : {&context->onData, &context->onResponse}) {
+    if (*ref)
+      napi_delete_reference(env, *ref);
+    *ref = nullptr;
+  }
   napi_release_threadsafe_function(context->events, napi_tsfn_release);
 }
 
@@ -304,23 +355,44 @@ napi_value Load(napi_env env, napi_callback_info info) {
   napi_value onData = property(env, options, "onData");
   if (typeOf(env, onData) == napi_function)
     napi_create_reference(env, onData, 1, &context->onData);
+  napi_value onResponse = property(env, options, "onResponse");
+  if (typeOf(env, onResponse) == napi_function)
+    napi_create_reference(env, onResponse, 1, &context->onResponse);
   napi_value name;
   napi_create_string_utf8(env, "arkweb_host.load", NAPI_AUTO_LENGTH, &name);
   NAPI_OK(napi_create_threadsafe_function(env, nullptr, nullptr, name, 0, 1, context,
                                           finalizeContext, context, deliverEvent,
                                           &context->events));
   napi_threadsafe_function events = context->events;
-  if (context->onData) {
-    load.onData = [events](const char* data, size_t size, double atMs) {
+  // The engine calls these before the load's end, while the context lives.
+  if (context->onResponse) {
+    load.onResponse = [events](int status, const std::string&,
+                               const arkweb_host::HeaderList& headers) {
       auto* event = new LoadEvent();
-      event->chunk.assign(data, size);
-      event->atMs = atMs;
+      event->kind = LoadEvent::kResponse;
+      event->status = status;
+      event->headers = headers;
       napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
+    };
+  }
+  if (context->onData) {
+    load.onData = [context, events](const char* data, size_t size, double atMs) {
+      bool post = false;
+      {
+        std::lock_guard<std::mutex> lock(context->mutex);
+        if (context->pending.empty())
+          context->pendingAtMs = atMs;
+        context->pending.append(data, size);
+        post = !context->dataQueued;
+        context->dataQueued = true;
+      }
+      if (post)
+        napi_call_threadsafe_function(events, new LoadEvent(), napi_tsfn_blocking);
     };
   }
   (*component)->load(std::move(load), [events](LoadResult result) {
     auto* event = new LoadEvent();
-    event->done = true;
+    event->kind = LoadEvent::kDone;
     event->result = std::move(result);
     napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
   });

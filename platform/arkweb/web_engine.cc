@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <future>
 #include <map>
 
@@ -480,6 +481,24 @@ void Load::recordResponse(int status,
   result_.mimeType = std::move(mimeType);
   result_.charset = std::move(charset);
   result_.timing.response = nowMs();
+  std::string location, length;
+  for (const auto& [name, value] : result_.headers) {
+    if (strcasecmp(name.c_str(), "Location") == 0)
+      location = value;
+    else if (strcasecmp(name.c_str(), "Content-Length") == 0)
+      length = value;
+  }
+  if (options_.keepBody && !length.empty()) {
+    // Grown once, not by doubling; a claim past 1 GiB is not believed.
+    unsigned long long size = std::strtoull(length.c_str(), nullptr, 10);
+    if (size <= (1ull << 30))
+      result_.body.reserve(static_cast<size_t>(size));
+  }
+  bool followed =
+      options_.followRedirects && !location.empty() &&
+      (status == 301 || status == 302 || status == 303 || status == 307 || status == 308);
+  if (options_.onResponse && !followed)
+    options_.onResponse(status, result_.statusText, result_.headers);
 }
 
 void Load::recordData(const char* data, size_t size) {

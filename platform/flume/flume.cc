@@ -233,6 +233,8 @@ class SessionCore {
     SessionCore* core = nullptr;
     std::shared_ptr<FLHttpRequest> request;
     IFLHttpSessionListener* listener = nullptr;
+    // The view handed to the listener for each body piece, reused.
+    std::shared_ptr<FLData> piece = std::make_shared<FLData>(nullptr, 0);
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     // The response being read: status line and fields of the current block.
@@ -432,8 +434,10 @@ class SessionCore {
     size_t bytes = size * count;
     transfer->core->deliverResponse(transfer);
     if (bytes > 0) {
-      transfer->listener->onFLHttpReceiveData(*transfer->request,
-                                              std::make_shared<FLData>(data, bytes));
+      // No copy: the listener sees libcurl's buffer for the length of the call.
+      transfer->piece->data_ = data;
+      transfer->piece->size_ = bytes;
+      transfer->listener->onFLHttpReceiveData(*transfer->request, transfer->piece);
     }
     return bytes;
   }

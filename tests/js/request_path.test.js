@@ -108,3 +108,33 @@ test('only main frames are intercepted when asked, and the reason is logged', as
   assert.deepEqual(ignored.map((e) => e.fields.reason), ['onlyMainHtml']);
   page.destroy();
 });
+
+test('the driver streams: the response first, then body pieces batched while the script is busy', async () => {
+  const page = bind('streaming');
+  const seen = [];
+  const size = 4 << 20;
+  const res = await page.load({
+    url: suite.origin.url(`/redirect?to=${encodeURIComponent(`/bytes/${size}?chunk=16384`)}`),
+    keepBody: false,
+    onResponse(status, headers) { seen.push(['response', status, headers]); },
+    onData(chunk) {
+      if (seen.length === 1) { const until = Date.now() + 150; while (Date.now() < until); }
+      seen.push(['data', Buffer.from(chunk)]);
+    },
+  });
+  assert.equal(res.status, 200);
+  assert.equal(res.body.length, 0);
+  assert.equal(res.bodySize, size);
+  assert.equal(seen[0][0], 'response');
+  assert.equal(seen.filter(([kind]) => kind === 'response').length, 1);  // not the 302
+  assert.equal(seen[0][1], 200);
+  assert.ok(seen[0][2].some(([name, value]) => name.toLowerCase() === 'content-length' &&
+    value === String(size)));
+  const pieces = seen.slice(1).map(([, bytes]) => bytes);
+  const body = Buffer.concat(pieces);
+  assert.equal(body.length, size);
+  for (const at of [0, 12345, size - 1]) assert.equal(body[at], ((at * 31 + 7) & 255));
+  // While the first piece kept the script busy, the rest queued up into few large ones.
+  assert.ok(pieces.length < size / 16384 / 4, `${pieces.length} pieces`);
+  page.destroy();
+});

@@ -36,10 +36,16 @@ struct LoadOptions {
   bool offline = false;
   // Follows 3xx answers that carry a Location, like a page.
   bool followRedirects = true;
+  // Called once with the final response's status line and headers before
+  // its first body piece (engine threads); not for redirects that are
+  // followed.
+  std::function<void(int status, const std::string& statusText, const HeaderList& headers)>
+      onResponse;
   // Called with each body piece as it arrives (engine threads), with the
-  // time in ms on the monotonic clock.
+  // time in ms on the monotonic clock. The bytes are valid during the call.
   std::function<void(const char* data, size_t size, double atMs)> onData;
-  // Keep the body in the result (turn off for very large loads).
+  // Keep the body in the result (sized once from Content-Length when the
+  // response has one); turn off for loads only onData needs.
   bool keepBody = true;
 };
 

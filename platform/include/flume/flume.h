@@ -105,15 +105,19 @@ class FLHttpResponse : public FLHttpMessage {
   std::string httpVersion_;
 };
 
-// One piece of a response body.
+// One piece of a response body: a view of the library's receive buffer,
+// valid only during the onFLHttpReceiveData call that hands it over (the
+// object itself is reused for the transfer's next piece). Copy what you keep.
 class FLData {
  public:
-  FLData(const char* data, size_t size) : bytes_(data, size) {}
-  const char* data() const { return bytes_.data(); }
-  size_t size() const { return bytes_.size(); }
+  FLData(const char* data, size_t size) : data_(data), size_(size) {}
+  const char* data() const { return data_; }
+  size_t size() const { return size_; }
 
  private:
-  std::string bytes_;
+  friend class SessionCore;
+  const char* data_;
+  size_t size_;
 };
 
 // A failed transfer: libcurl's code and a message that says what happened.
