@@ -3,7 +3,10 @@
 #ifndef VELORA_TESTS_UNIT_BOUND_PAGE_H
 #define VELORA_TESTS_UNIT_BOUND_PAGE_H
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "arkweb_host/web_component.h"
@@ -39,6 +42,45 @@ class BoundPage {
  private:
   std::shared_ptr<arkweb_host::WebComponent> web_;
   bool destroyed_ = false;
+};
+
+// A load started on `web` that a test watches: the first body bytes, then
+// the end.
+class PendingLoad {
+ public:
+  PendingLoad(arkweb_host::WebComponent& web, arkweb_host::LoadOptions options) {
+    options.onData = [this](const char*, size_t, double) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      gotBytes_ = true;
+      changed_.notify_all();
+    };
+    web.load(std::move(options), [this](arkweb_host::LoadResult result) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      result_ = std::move(result);
+      done_ = true;
+      changed_.notify_all();
+    });
+  }
+  // The load must end before this goes: its callbacks refer to it.
+  ~PendingLoad() { waitForEnd(std::chrono::seconds(30)); }
+
+  bool waitForBytes(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return gotBytes_; });
+  }
+  bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return done_; });
+  }
+  // After waitForEnd.
+  const arkweb_host::LoadResult& result() const { return result_; }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool gotBytes_ = false;
+  bool done_ = false;
+  arkweb_host::LoadResult result_;
 };
 
 }  // namespace velora_test

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "analytics/host_config.h"
 #include "bound_page.h"
 #include "first_chunk/first_chunk_context.h"
 #include "first_chunk/first_chunk_handler.h"
@@ -29,7 +30,6 @@
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
 #include "utils/simple_url_parser.h"
-#include "analytics/host_config.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
@@ -306,32 +306,12 @@ TEST_F(SsrPath, ApiInfoAnswersTravelInTheApiContextHeader) {
 
 TEST_F(SsrPath, APageDestroyedMidBodyEndsCleanly) {
   auto page = std::make_unique<BoundPage>("ssr");
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool gotBytes = false;
-  bool done = false;
-  LoadOptions options(origin_.url("/fcc/long?delay=300&size=1048576&piece=16384"));
-  options.onData = [&](const char*, size_t, double) {
-    std::lock_guard<std::mutex> lock(mutex);
-    gotBytes = true;
-    changed.notify_all();
-  };
-  LoadResult result;
-  page->web().load(options, [&](LoadResult r) {
-    std::lock_guard<std::mutex> lock(mutex);
-    result = std::move(r);
-    done = true;
-    changed.notify_all();
-  });
-  {
-    std::unique_lock<std::mutex> lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return gotBytes; }));
-  }
+  velora_test::PendingLoad load(page->web(),
+                                origin_.url("/fcc/long?delay=300&size=1048576&piece=16384"));
+  ASSERT_TRUE(load.waitForBytes());
   page->destroy();
-  {
-    std::unique_lock<std::mutex> lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return done; }));
-  }
+  ASSERT_TRUE(load.waitForEnd());
+  const LoadResult& result = load.result();
   EXPECT_EQ(result.error, ARKWEB_ERR_ABORTED);
   EXPECT_LT(result.bodySize, 1048576u);
   // The rest of the answer arrives with nobody to take it.

@@ -74,28 +74,11 @@ TEST(Stop, ARemovedPrefetchStopsUnlessAPageClaimedIt) {
   const std::string url = origin.url("/bytes/1048576?chunk=65536&delay=20");
   std::string id = startPrefetch(url);
   BoundPage page("claim", id, url);
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool gotBytes = false, done = false;
-  LoadOptions options(url);
-  options.onData = [&](const char*, size_t, double) {
-    std::lock_guard<std::mutex> lock(mutex);
-    gotBytes = true;
-    changed.notify_all();
-  };
-  LoadResult result;
-  page.web().load(options, [&](LoadResult r) {
-    std::lock_guard<std::mutex> lock(mutex);
-    result = std::move(r);
-    done = true;
-    changed.notify_all();
-  });
-  std::unique_lock<std::mutex> lock(mutex);
-  ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return gotBytes; }));
-  lock.unlock();
+  velora_test::PendingLoad load(page.web(), url);
+  ASSERT_TRUE(load.waitForBytes());
   EXPECT_TRUE(PrefetchNetwork::removePrefetch(id));
-  lock.lock();
-  ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return done; }));
+  ASSERT_TRUE(load.waitForEnd());
+  const LoadResult& result = load.result();
   EXPECT_EQ(result.error, 0);
   EXPECT_TRUE(result.body == velora_test::patternBytes(0, 1048576));
 }

@@ -145,19 +145,21 @@ void FirstChunkHandler::onReceiveData(std::shared_ptr<gantry_ssr::SsrRequest> re
       std::string chunk = buffer_.substr(0, marker + kMarkerLength);
       buffer_.clear();
       buffer_.shrink_to_fit();
-      const std::string serverVersion = responseContext_->getVersion();
-      const std::string cacheVersion = cacheContext_ ? cacheContext_->getVersion() : std::string();
-      if (needInvalidateCache_) {
-        entry("invalidateCache", traceId_)
-            .key("url")
+      // An entry about the two versions at the splice.
+      auto versions = [&](const char* event) {
+        auto builder = entry(event, traceId_);
+        builder.key("url")
             .value(request->getUrl())
             .key("useFirstChunkCache")
             .value(useFirstChunkCache_)
             .key("serverVersion")
-            .value(serverVersion)
+            .value(responseContext_->getVersion())
             .key("cacheVersion")
-            .value(cacheVersion)
-            .done();
+            .value(cacheContext_ ? cacheContext_->getVersion() : std::string());
+        return builder;
+      };
+      if (needInvalidateCache_) {
+        versions("invalidateCache").done();
         send(request, getInvalidateScriptData());
         send(request, chunk);
       }
@@ -166,15 +168,7 @@ void FirstChunkHandler::onReceiveData(std::shared_ptr<gantry_ssr::SsrRequest> re
       const int64_t offset = static_cast<int64_t>(chunk.size()) - received;
       if (useFirstChunkCache_ && offset >= 0 && static_cast<int64_t>(data.size()) > offset) {
         send(request, data.substr(static_cast<size_t>(offset)));
-        entry("dataAfterFcc", traceId_)
-            .key("url")
-            .value(request->getUrl())
-            .key("useFirstChunkCache")
-            .value(useFirstChunkCache_)
-            .key("serverVersion")
-            .value(serverVersion)
-            .key("cacheVersion")
-            .value(cacheVersion)
+        versions("dataAfterFcc")
             .key("fccByteIndex")
             .value(static_cast<long long>(offset))
             .key("offset")
