@@ -3,6 +3,8 @@
 #include "analytics/host_config.h"
 
 #include <atomic>
+#include <mutex>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -11,17 +13,29 @@
 
 namespace {
 
-// The sink in use; replaced sinks are kept (never destroyed), as a commit on
-// another thread may still be writing to one.
+// The sink in use. Replaced sinks are kept (never destroyed, and reachable),
+// as a commit on another thread may still be writing to one.
 std::atomic<host::LineSink*>& statsSink() {
   static std::atomic<host::LineSink*> sink{new host::LineSink(host::envOr("VELORA_STATS", ""))};
   return sink;
 }
 
+struct Retired {
+  std::mutex mutex;
+  std::vector<host::LineSink*> sinks;
+};
+
+Retired& retired() {
+  static Retired* instance = new Retired;
+  return *instance;
+}
+
 }  // namespace
 
 void alarmUseStatsFile(const std::string& path) {
-  statsSink().store(new host::LineSink(path));
+  host::LineSink* previous = statsSink().exchange(new host::LineSink(path));
+  std::lock_guard<std::mutex> lock(retired().mutex);
+  retired().sinks.push_back(previous);
 }
 
 void alarmCommitSuccess2(const char* module, const char* monitorPoint, const char* arg) {

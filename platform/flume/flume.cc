@@ -96,7 +96,8 @@ void FLHttpMessage::addHeadField(const std::string& name, const std::string& val
 }
 
 void FLHttpMessage::appendField(std::string name, std::string value) {
-  ++nameCounts_[lowered(name)];
+  if (indexed_)
+    ++nameCounts_[lowered(name)];
   fields_.emplace_back(std::move(name), std::move(value));
 }
 
@@ -109,6 +110,11 @@ std::string FLHttpMessage::getHeadField(const std::string& name) const {
 }
 
 void FLHttpMessage::removeHeadField(const std::string& name) {
+  if (!indexed_) {
+    for (const auto& field : fields_)
+      ++nameCounts_[lowered(field.first)];
+    indexed_ = true;
+  }
   auto count = nameCounts_.find(lowered(name));
   if (count == nameCounts_.end())
     return;
@@ -329,7 +335,14 @@ class SessionCore {
 
   void start(Transfer* transfer) {
     FLHttpRequest& request = *transfer->request;
-    CURL* easy = curl_easy_init();
+    // Handles are reused: a reset one costs far less than a new one.
+    CURL* easy = nullptr;
+    if (!idleHandles_.empty()) {
+      easy = idleHandles_.back();
+      idleHandles_.pop_back();
+    } else {
+      easy = curl_easy_init();
+    }
     transfer->easy = easy;
     // An empty method is a GET; anything else must be a token, or a CR/LF
     // in it would end the request line early.
@@ -480,12 +493,14 @@ class SessionCore {
       if (sameName(name, "Content-Encoding") && isDecodedEncoding(value))
         decoded = true;
     }
+    // The block's fields are not needed again: moved, not copied.
     for (auto& [name, value] : transfer->fields) {
       if (decoded && (sameName(name, "Content-Encoding") || sameName(name, "Content-Length"))) {
         continue;
       }
-      response->appendField(name, value);
+      response->appendField(std::move(name), std::move(value));
     }
+    transfer->fields.clear();
     if (transfer->status == 401 || transfer->status == 407) {
       std::string challenge = response->getHeadField(
           transfer->status == 401 ? "WWW-Authenticate" : "Proxy-Authenticate");
@@ -544,7 +559,12 @@ class SessionCore {
   }
 
   void destroy(Transfer* transfer) {
-    curl_easy_cleanup(transfer->easy);
+    if (idleHandles_.size() < kIdleHandles) {
+      curl_easy_reset(transfer->easy);
+      idleHandles_.push_back(transfer->easy);
+    } else {
+      curl_easy_cleanup(transfer->easy);
+    }
     curl_slist_free_all(transfer->headers);
     delete transfer;
   }
@@ -556,6 +576,8 @@ class SessionCore {
   bool stopping_ = false;          // guarded by mutex_
   std::atomic<uint64_t> nextId_{1};
   std::unordered_map<uint64_t, Transfer*> live_;  // event thread only
+  static constexpr size_t kIdleHandles = 64;
+  std::vector<CURL*> idleHandles_;  // event thread only
   std::atomic<long> connectTimeoutMs_{envMs("VELORA_CONNECT_TIMEOUT_MS", 30000)};
   std::atomic<long> idleTimeoutMs_{envMs("VELORA_IDLE_TIMEOUT_MS", 60000)};
 };

@@ -391,7 +391,17 @@ class Library {
 
   void submit(const ResourceRequest& request, Completion completion) {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::unique_lock<std::mutex> lock(mutex_);
+      // A URL no package holds is answered at once, on the caller's thread:
+      // the index is immutable, so there is nothing to wait for.
+      if (!stopping_ && !paused_ && !find(*index(), request.url())) {
+        lock.unlock();
+        Job job{request.url(), std::move(completion)};
+        auto response = std::make_unique<ResourceResponse>();
+        response->error = Error(Error::kNotFound, "no package holds " + request.url());
+        complete(job, std::move(response));
+        return;
+      }
       if (!stopping_) {
         jobs_.push_back({request.url(), std::move(completion)});
         wake_.notify_one();
@@ -484,18 +494,18 @@ class Library {
     }
   }
 
+  static const Resource* find(const Index& index, const std::string& url) {
+    auto exact = index.exact.find(withoutFragment(url));
+    if (exact != index.exact.end())
+      return &exact->second;
+    auto any = index.anyQuery.find(withoutQuery(url));
+    return any != index.anyQuery.end() ? &any->second : nullptr;
+  }
+
   std::unique_ptr<ResourceResponse> lookup(const std::string& url) {
     auto response = std::make_unique<ResourceResponse>();
     std::shared_ptr<const Index> index = this->index();
-    const Resource* resource = nullptr;
-    auto exact = index->exact.find(withoutFragment(url));
-    if (exact != index->exact.end()) {
-      resource = &exact->second;
-    } else {
-      auto any = index->anyQuery.find(withoutQuery(url));
-      if (any != index->anyQuery.end())
-        resource = &any->second;
-    }
+    const Resource* resource = find(*index, url);
     if (!resource) {
       response->error = Error(Error::kNotFound, "no package holds " + url);
       return response;

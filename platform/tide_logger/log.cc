@@ -27,7 +27,7 @@ Outputs& outputs() {
 }
 
 // Whether an entry of `level` reaches any output at all.
-bool wanted(int level) {
+bool anyOutputTakes(int level) {
   Outputs& out = outputs();
   return out.file.enabled() || level <= kError || out.captureCount.load() > 0;
 }
@@ -39,18 +39,27 @@ std::string serialise(const nlohmann::ordered_json& entry) {
 
 }  // namespace
 
-LogBuilder::LogBuilder(int level, std::string tag)
-    : level_(level), tag_(std::move(tag)), ts_(tern::currentTimeMillis()), wanted_(wanted(level)) {}
+// An entry no output takes costs the check and nothing else.
+LogBuilder::LogBuilder(int level, std::string tag) : level_(level), wanted_(anyOutputTakes(level)) {
+  if (wanted_) {
+    tag_ = std::move(tag);
+    ts_ = tern::currentTimeMillis();
+  }
+}
 
 LogBuilder& LogBuilder::event(const std::string& name, const std::string& id) {
-  event_ = name;
-  id_ = id;
+  if (wanted_) {
+    event_ = name;
+    id_ = id;
+  }
   return *this;
 }
 
 LogBuilder& LogBuilder::parentId(const std::string& id) {
-  parentId_ = id;
-  hasParent_ = true;
+  if (wanted_) {
+    parentId_ = id;
+    hasParent_ = true;
+  }
   return *this;
 }
 
@@ -60,13 +69,16 @@ LogBuilder& LogBuilder::timestamp(int64_t ms) {
 }
 
 LogBuilder& LogBuilder::error(const std::string& message) {
-  error_ = message;
-  hasError_ = true;
+  if (wanted_) {
+    error_ = message;
+    hasError_ = true;
+  }
   return *this;
 }
 
 LogBuilder& LogBuilder::key(const std::string& name) {
-  pendingKey_ = name;
+  if (wanted_)
+    pendingKey_ = name;
   return *this;
 }
 

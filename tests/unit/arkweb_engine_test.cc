@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -161,6 +162,32 @@ TEST(ArkWebEngine, ErrorsReachThePageAndEveryEndStopsTheRequestOnce) {
   web->destroy();
 }
 
+// A handler that forgets to release a string it asked for.
+VELORA_CHILD(EngineStringNeverReleased) {
+  velora_test::OriginServer origin;
+  auto web = WebComponent::create("forgetful");
+  TestHandler handler("forgetful");
+  handler.onStart = [](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler*) {
+    char* url = nullptr;
+    OH_ArkWebResourceRequest_GetUrl(request, &url);
+    return false;
+  };
+  web->loadAndWait({origin.url("/bytes/10")});
+  OH_ArkWeb_ClearSchemeHandlers("forgetful");
+  return 0;
+}
+
+TEST(ArkWebEngine, StringsNeverReleasedAreReportedAtExit) {
+  velora_test::TempDir dir;
+  ASSERT_EQ(
+      velora_test::runChild("EngineStringNeverReleased", {{"VELORA_HILOG", dir.file("hilog.txt")},
+                                                          {"ASAN_OPTIONS", "detect_leaks=0"}}),
+      0);
+  std::ifstream in(dir.file("hilog.txt"));
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(text.find("1 engine strings were never released"), std::string::npos) << text;
+}
+
 TEST(ArkWebEngine, DeclinedRequestsAndComponentsWithoutHandlerLoadOverTheNetwork) {
   velora_test::OriginServer origin;
   auto web = WebComponent::create("engine4");
@@ -168,7 +195,8 @@ TEST(ArkWebEngine, DeclinedRequestsAndComponentsWithoutHandlerLoadOverTheNetwork
     TestHandler handler("engine4");
     handler.onStart = [](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler*) {
       char* url = nullptr;
-      OH_ArkWebResourceRequest_GetUrl(request, &url);  // not released: the engine takes it back
+      OH_ArkWebResourceRequest_GetUrl(request, &url);  // the handler's to release, declined or not
+      OH_ArkWeb_ReleaseString(url);
       return false;
     };
     LoadResult declined = web->loadAndWait({origin.url("/bytes/3000")});

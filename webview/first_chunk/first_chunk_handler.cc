@@ -95,11 +95,11 @@ void FirstChunkHandler::onResponse(std::shared_ptr<gantry_ssr::SsrRequest> reque
   const bool stale = useFirstChunkCache_ && responseContext_->isEnable() &&
                      responseContext_->getVersion() != cacheContext_->getVersion();
   needInvalidateCache_ = stale;
-  entry("response", traceId_)
-      .key("code")
+  auto response = entry("response", traceId_);
+  response.key("code")
       .value(statusCode)
       .key("head")
-      .value(headersForLog(headers))
+      .value(response.wanted() ? headersForLog(headers) : nlohmann::json())
       .key("useFirstChunkCache")
       .value(useFirstChunkCache_)
       .key("needInvalidateCache")

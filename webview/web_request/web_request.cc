@@ -230,7 +230,7 @@ void WebRequest::sendNetRequest() {
       .key("isHTML")
       .value(isMainFrame_)
       .key("header")
-      .value(headersForLog(headers_))
+      .value(entry.wanted() ? headersForLog(headers_) : nlohmann::json())
       .key("prefetchHit")
       .value(false)
       .key("hasBody")
@@ -293,7 +293,7 @@ void WebRequest::onResponse(int statusCode, const HeaderMultimap& headers) {
   entry.event("response", tag_).parentId(webInfo_->webTag);
   entry.key("statusCode").value(statusCode).key("url").value(textOf(url_));
   if (!headers.empty())
-    entry.key("header").value(headersForLog(headers));
+    entry.key("header").value(entry.wanted() ? headersForLog(headers) : nlohmann::json());
   entry.done();
 }
 

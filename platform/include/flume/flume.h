@@ -42,8 +42,10 @@ class FLHttpMessage {
 
   std::string url_;
   std::vector<std::pair<std::string, std::string>> fields_;
-  // Fields per lower-cased name.
+  // Fields per lower-cased name, built by the first setHeadField or
+  // removeHeadField (responses, only appended to, never need it).
   std::unordered_map<std::string, size_t> nameCounts_;
+  bool indexed_ = false;
 };
 
 // A request body written piece by piece by a producer and read by the

@@ -65,10 +65,11 @@ using Completion = std::function<void(std::unique_ptr<ResourceResponse>)>;
 
 class Access {
  public:
-  // Looks `request` up; returns at once. `completion` is called exactly once,
-  // on one of the library's threads: with the file's bytes and the
-  // manifest's headers on a hit, with the error set otherwise (also when the
-  // library shuts down first).
+  // Looks `request` up. `completion` is called exactly once: with the file's
+  // bytes and the manifest's headers on a hit, on one of the library's
+  // threads; with the error set otherwise (also when the library shuts down
+  // first). A URL that no package holds may be answered before this returns,
+  // on the caller's thread.
   static void getResource(const ResourceRequest& request, Completion completion);
 };
 

@@ -57,6 +57,10 @@ class LogBuilder {
   // Emits the entry. Once; a builder dropped without done() emits nothing.
   void done();
 
+  // False when no output takes the entry: members that cost something to
+  // build need not be built.
+  bool wanted() const { return wanted_; }
+
  private:
   template <typename T>
   LogBuilder& put(T&& v) {
@@ -71,7 +75,7 @@ class LogBuilder {
   std::string id_;
   std::string parentId_;
   std::string error_;
-  int64_t ts_;
+  int64_t ts_ = 0;
   bool hasParent_ = false;
   bool hasError_ = false;
   bool done_ = false;
