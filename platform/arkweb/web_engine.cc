@@ -428,10 +428,13 @@ class WebComponentImpl : public WebComponent {
       loads.swap(reg.loads[tag_]);
       reg.loads.erase(tag_);
     }
-    // A component that goes away stops what it was loading.
+    // A component that goes away stops what it was loading, on the engine's
+    // IO thread like every other cancel.
     for (const auto& weak : loads) {
-      if (auto load = weak.lock())
-        load->cancel();
+      ioThread().post([weak] {
+        if (auto load = weak.lock())
+          load->cancel();
+      });
     }
   }
 
