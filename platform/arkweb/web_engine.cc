@@ -491,14 +491,15 @@ void Load::recordResponse(int status,
     else if (strcasecmp(name.c_str(), "Content-Length") == 0)
       length = value;
   }
-  if (options_.keepBody && !length.empty()) {
-    // Grown once, not by doubling; a claim past 1 GiB is not believed.
+  if (options_.keepBody && !length.empty() && options_.method != "HEAD") {
+    // Grown once rather than by doubling, but never on the server's word
+    // alone beyond 64 MiB.
     unsigned long long size = std::strtoull(length.c_str(), nullptr, 10);
-    if (size <= (1ull << 30))
-      result_.body.reserve(static_cast<size_t>(size));
+    result_.body.reserve(static_cast<size_t>(std::min(size, 64ull << 20)));
   }
+  // The same test followRedirect() makes, as far as it is known now.
   bool followed =
-      options_.followRedirects && !location.empty() &&
+      options_.followRedirects && !location.empty() && result_.redirects < kMaxRedirects &&
       (status == 301 || status == 302 || status == 303 || status == 307 || status == 308);
   if (options_.onResponse && !followed)
     options_.onResponse(status, result_.statusText, result_.headers);

@@ -625,7 +625,14 @@ bool PackageManager::install(const std::string& source, std::string* error) {
   if (package->zipped) {
     fs::copy_file(path, staging, ec);
   } else {
-    fs::copy(path, staging, fs::copy_options::recursive, ec);
+    // Links are copied as links, never followed; one that appeared after the
+    // check above is found in the copy.
+    fs::copy(path, staging, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+    if (!ec && !firstLinkUnder(staging).empty()) {
+      why = "the package holds a symbolic link; links are not installed";
+      fs::remove_all(staging, ec);
+      return false;
+    }
   }
   if (ec) {
     why = "cannot copy into " + lib.dir() + ": " + ec.message();

@@ -130,3 +130,16 @@ test('the host driver refuses header lists it cannot read instead of crashing', 
   assert.equal(JSON.parse(ok.body)['x-a'], '1');
   web.destroy();
 });
+
+test('removing a prefetch that has not ended stops it and tells its callbacks', async () => {
+  const { seen, callbacks } = recorder();
+  const id = velora.prefetch({ url: suite.origin.url('/bytes/10485760?chunk=65536&delay=20'),
+    method: 'GET', headers: [] }, callbacks);
+  await until(() => seen.some((e) => e.kind === 'data'));
+  velora.removePrefetch(id);
+  await until(() => seen.some((e) => e.kind === 'error'));
+  const error = seen.find((e) => e.kind === 'error');
+  assert.deepEqual(error.args, [-3, 'prefetch removed']);
+  await new Promise((resolve) => setTimeout(resolve, 100));
+  assert.equal(seen.filter((e) => e.kind === 'error' || e.kind === 'finish').length, 1);
+});

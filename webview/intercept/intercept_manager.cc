@@ -36,9 +36,11 @@ void logWhat(int level, const char* event, const std::string& what) {
 
 }  // namespace
 
+// Never destroyed: the engine's and the carriers' threads may still read it
+// while the process exits.
 InterceptManager& InterceptManager::getInstance() {
-  static InterceptManager instance;
-  return instance;
+  static InterceptManager* instance = new InterceptManager();
+  return *instance;
 }
 
 void InterceptManager::init() {

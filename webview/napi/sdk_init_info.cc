@@ -2,9 +2,11 @@
 
 namespace velora {
 
+// Never destroyed: the engine's and the carriers' threads may still read it
+// while the process exits.
 SdkInitInfo& SdkInitInfo::getInstance() {
-  static SdkInitInfo instance;
-  return instance;
+  static SdkInitInfo* instance = new SdkInitInfo();
+  return *instance;
 }
 
 void SdkInitInfo::setAppTag(const std::string& tag) {

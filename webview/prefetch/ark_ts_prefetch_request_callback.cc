@@ -77,8 +77,13 @@ std::shared_ptr<ArkTsPrefetchRequestCallBack> ArkTsPrefetchRequestCallBack::crea
     auto* context = new Context(callback);
     napi_create_threadsafe_function(
         env, function, nullptr, name, 0, 1, context,
-        [](napi_env, void* data, void*) { delete static_cast<Context*>(data); }, context,
-        kind.callJs, kind.target);
+        [](napi_env env, void* data, void*) {
+          auto* context = static_cast<Context*>(data);
+          (*context)->functionFinalized(env);
+          delete context;
+        },
+        context, kind.callJs, kind.target);
+    ++callback->liveFunctions_;
     // Idle functions must not keep the script runtime from exiting.
     napi_unref_threadsafe_function(env, *kind.target);
   }
@@ -123,11 +128,17 @@ void ArkTsPrefetchRequestCallBack::release(napi_env env) {
     napi_remove_env_cleanup_hook(env, close, this);
   for (napi_threadsafe_function function :
        {onResponseFunc_, onNetResponseFunc_, onDataFunc_, onFinishFunc_, onErrorFunc_}) {
-    // Events still queued in a function are delivered before it goes.
+    // Events still queued in a function are delivered before it goes; the
+    // reference to the callbacks object goes with the last function.
     napi_release_threadsafe_function(function, napi_tsfn_release);
   }
-  napi_delete_reference(env, callbacksRef_);
-  callbacksRef_ = nullptr;
+}
+
+void ArkTsPrefetchRequestCallBack::functionFinalized(napi_env env) {
+  if (--liveFunctions_ == 0 && callbacksRef_ && env) {
+    napi_delete_reference(env, callbacksRef_);
+    callbacksRef_ = nullptr;
+  }
 }
 
 void ArkTsPrefetchRequestCallBack::callScript(napi_env env,
@@ -188,11 +199,12 @@ void ArkTsPrefetchRequestCallBack::onResponseCallJs(napi_env env,
                                                     napi_value jsCallback,
                                                     void* context,
                                                     void* data) {
-  Context self = *static_cast<Context*>(context);
+  // Without env the function is being torn down: its context may be gone.
   std::unique_ptr<ArkTsPrefetchRequestCallBackResponse> payload(
       static_cast<ArkTsPrefetchRequestCallBackResponse*>(data));
   if (!env)
     return;
+  Context self = *static_cast<Context*>(context);
   napi_value args[2] = {NapiHelper::createInt32Value(env, payload->statusCode),
                         headersValue(env, payload->headers)};
   payload.reset();
@@ -210,11 +222,11 @@ void ArkTsPrefetchRequestCallBack::onDataCallJs(napi_env env,
                                                 napi_value jsCallback,
                                                 void* context,
                                                 void* data) {
-  Context self = *static_cast<Context*>(context);
   std::unique_ptr<ArkTsPrefetchRequestCallBackData> payload(
       static_cast<ArkTsPrefetchRequestCallBackData*>(data));
   if (!env)
     return;
+  Context self = *static_cast<Context*>(context);
   void* bytes = nullptr;
   napi_value buffer = nullptr;
   napi_create_arraybuffer(env, payload->length, &bytes, &buffer);
@@ -228,9 +240,9 @@ void ArkTsPrefetchRequestCallBack::onFinishCallJs(napi_env env,
                                                   napi_value jsCallback,
                                                   void* context,
                                                   void* /*data*/) {
-  Context self = *static_cast<Context*>(context);
   if (!env)
     return;
+  Context self = *static_cast<Context*>(context);
   self->callScript(env, jsCallback, 0, nullptr);
   self->release(env);
 }
@@ -239,11 +251,11 @@ void ArkTsPrefetchRequestCallBack::onErrorCallJs(napi_env env,
                                                  napi_value jsCallback,
                                                  void* context,
                                                  void* data) {
-  Context self = *static_cast<Context*>(context);
   std::unique_ptr<ArkTsPrefetchRequestCallBackError> payload(
       static_cast<ArkTsPrefetchRequestCallBackError*>(data));
   if (!env)
     return;
+  Context self = *static_cast<Context*>(context);
   napi_value args[2] = {NapiHelper::createInt32Value(env, payload->code),
                         NapiHelper::createStringValue(env, payload->message)};
   payload.reset();

@@ -66,6 +66,9 @@ class ArkTsPrefetchRequestCallBack : public NetRequestCallBack,
   void post(napi_threadsafe_function function, void* payload, void (*drop)(void*), bool last);
   // Script thread, after the last event's callback: lets the functions go.
   void release(napi_env env);
+  // Script thread: one of the five functions went; the last one takes the
+  // reference to the callbacks object with it.
+  void functionFinalized(napi_env env);
   // Environment cleanup hook: no post from now on, and the functions go
   // (the device runtime does not release them itself).
   static void close(void* self);
@@ -82,6 +85,7 @@ class ArkTsPrefetchRequestCallBack : public NetRequestCallBack,
   bool closed_ = false;          // guarded by postMutex_
   bool released_ = false;        // script thread
   bool hookRegistered_ = false;  // script thread
+  int liveFunctions_ = 0;        // script thread
 };
 
 }  // namespace velora

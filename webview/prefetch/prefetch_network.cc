@@ -129,7 +129,10 @@ bool PrefetchNetwork::removePrefetch(const std::string& id) {
   // Released after each map's lock: their destructors may reach the registry.
   bool removed = take(PREFETCH_CACHE_POOL, id) != nullptr;
   take(PREFETCH_REQUEST_POOL, id);
-  take(PREFETCH_REQUEST_CALLBACK_POOL, id);
+  if (std::shared_ptr<NetRequestCallBack> listener = take(PREFETCH_REQUEST_CALLBACK_POOL, id)) {
+    // The registry only holds PrefetchRequestListeners.
+    static_cast<PrefetchRequestListener*>(listener.get())->abandon();
+  }
   tide::Log::build(tide::kInfo, kLogTag)
       .event("removePrefetch")
       .key("id")

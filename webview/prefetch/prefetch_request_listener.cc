@@ -40,8 +40,13 @@ void PrefetchRequestListener::onNetResponse(int statusCode, const HeaderMultimap
   }
 }
 
+void PrefetchRequestListener::abandon() {
+  if (requestCallBack_ && !receiverEnded())
+    requestCallBack_->onError(ARKWEB_ERR_ABORTED, ARKWEB_ERR_ABORTED, "prefetch removed");
+}
+
 void PrefetchRequestListener::onData(const unsigned char* data, unsigned long length) {
-  if (requestCallBack_)
+  if (requestCallBack_ && !receiverEnded_)
     requestCallBack_->onData(data, length);
   if (requestCache_)
     requestCache_->onData(data, length);
@@ -57,7 +62,7 @@ void PrefetchRequestListener::onFinish() {
       .key("recordedBytes")
       .value(requestCache_ ? requestCache_->recordedBytes() : 0ul)
       .done();
-  if (requestCallBack_)
+  if (requestCallBack_ && !receiverEnded())
     requestCallBack_->onFinish();
   if (requestCache_) {
     requestCache_->onFinish();
@@ -68,7 +73,7 @@ void PrefetchRequestListener::onFinish() {
 
 void PrefetchRequestListener::onError(int code, ArkWeb_NetError error, const std::string& message) {
   logEvent("error");
-  if (requestCallBack_)
+  if (requestCallBack_ && !receiverEnded())
     requestCallBack_->onError(code, error, message);
   if (requestCache_) {
     requestCache_->onError(code, error, message);

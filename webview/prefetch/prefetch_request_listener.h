@@ -4,6 +4,7 @@
 #ifndef VELORA_WEBVIEW_PREFETCH_PREFETCH_REQUEST_LISTENER_H
 #define VELORA_WEBVIEW_PREFETCH_PREFETCH_REQUEST_LISTENER_H
 
+#include <atomic>
 #include <memory>
 
 #include "network/net_request.h"
@@ -38,11 +39,19 @@ class PrefetchRequestListener : public NetRequestCallBack, public SSRChunkedCach
   // The live status of a first-chunk response: to the receiver only.
   void onNetResponse(int statusCode, const HeaderMultimap& headers) override;
 
+  // The prefetch was removed: a receiver that has not heard the end yet gets
+  // an error now, as the transfer stops (unless a page holds it). Any thread.
+  void abandon();
+
  private:
   void logEvent(const char* event) const;
 
   std::shared_ptr<PrefetchRequest> request_;
+  // Whether the receiver has had its last event; it gets exactly one.
+  bool receiverEnded() { return receiverEnded_.exchange(true); }
+
   std::shared_ptr<NetRequestCallBack> requestCallBack_;  // may be null
+  std::atomic<bool> receiverEnded_{false};
   std::shared_ptr<PrefetchRequestCache> requestCache_;
 };
 

@@ -20,9 +20,11 @@ const std::shared_ptr<tern::ICacheService> STORAGE = tern::ICacheService::of("Ve
 
 }  // namespace
 
+// Never destroyed: the engine's and the carriers' threads may still read it
+// while the process exits.
 UserAgentHelper& UserAgentHelper::getInstance() {
-  static UserAgentHelper instance;
-  return instance;
+  static UserAgentHelper* instance = new UserAgentHelper();
+  return *instance;
 }
 
 void UserAgentHelper::setUserAgent(std::string userAgent) {

@@ -4,14 +4,14 @@
 
 namespace tern {
 
-// The one T of the process, created on first use (thread-safe) and destroyed
-// at exit.
+// The one T of the process, created on first use (thread-safe) and never
+// destroyed: other threads may still use it while the process exits.
 template <typename T>
 class Singleton {
  public:
   static T& getInstance() {
-    static T instance;
-    return instance;
+    static T* instance = new T();
+    return *instance;
   }
 
   Singleton() = delete;
