@@ -115,9 +115,16 @@ int runChild(const std::string& name, const std::map<std::string, std::string>& 
 
   std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   char* argv[] = {self.data(), nullptr};
-  pid_t pid = 0;
-  if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0)
+  // fork and exec rather than posix_spawn: ThreadSanitizer handles a fork of
+  // a process with many threads, not the vfork-like clone posix_spawn uses.
+  // Between the two the child only calls execve and _exit.
+  pid_t pid = fork();
+  if (pid < 0)
     return -1;
+  if (pid == 0) {
+    execve(self.c_str(), argv, envp.data());
+    _exit(127);
+  }
   int status = 0;
   if (waitpid(pid, &status, 0) != pid)
     return -1;
