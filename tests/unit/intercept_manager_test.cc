@@ -163,16 +163,26 @@ TEST(InterceptRemoteConfig, SavedCopyAppliesWhenRemoteIsEmptyAndBrokenCopiesChan
   EXPECT_TRUE(log.find("updateTesseraConfigFromLocal").empty());
 }
 
-TEST(InterceptRemoteConfig, RemoteUpdatesAreAppliedWhileRunning) {
+// In a process of its own: the configuration file and its watcher are
+// process-wide, and other tests move them around.
+VELORA_CHILD(RemoteUpdateWhileRunning) {
   velora_test::TempDir dir;
   initWithRemote(dir, {{"enable", "true"}});
-  ASSERT_TRUE(manager().isInterceptEnable());
+  if (!manager().isInterceptEnable())
+    return 1;
   velora_test::writeFile(
       dir.file("config.json"),
       R"({"velora_kpnet_intercept_config": {"enable": "false", "whiteList": "[\"late\"]"}})");
-  EXPECT_TRUE(velora_test::waitFor([] { return !manager().isInterceptEnable(); }));
-  EXPECT_TRUE(manager().isInWhiteList("late"));
-  EXPECT_EQ(nlohmann::json::parse(store()->get("tessera_config").value())["enable"], "false");
+  if (!velora_test::waitFor([] { return !manager().isInterceptEnable(); },
+                            std::chrono::seconds(15)))
+    return 2;
+  if (!manager().isInWhiteList("late"))
+    return 3;
+  return nlohmann::json::parse(store()->get("tessera_config").value())["enable"] == "false" ? 0 : 4;
+}
+
+TEST(InterceptRemoteConfig, RemoteUpdatesAreAppliedWhileRunning) {
+  EXPECT_EQ(velora_test::runChild("RemoteUpdateWhileRunning"), 0);
 }
 
 TEST(RuntimeWhiteList, EntriesAreSubstringsAndAdditionsSkipCoveredUrls) {
