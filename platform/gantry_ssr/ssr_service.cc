@@ -6,6 +6,7 @@
 
 #include "common/host_env.h"
 #include "flume/flume.h"
+#include "tern/string_utils.h"
 
 namespace gantry_ssr {
 namespace {
@@ -13,19 +14,13 @@ namespace {
 // A call gives up when the gateway sends nothing for this long.
 constexpr long kIdleTimeoutMs = 60000;
 
+// "a, b,,c" -> {"a", "b", "c"}: blank entries dropped, spaces trimmed.
 std::vector<std::string> splitPrefixes(const std::string& text) {
   std::vector<std::string> prefixes;
-  size_t start = 0;
-  while (start <= text.size()) {
-    size_t comma = text.find(',', start);
-    if (comma == std::string::npos)
-      comma = text.size();
-    std::string prefix = text.substr(start, comma - start);
-    size_t first = prefix.find_first_not_of(" \t");
-    size_t last = prefix.find_last_not_of(" \t");
+  for (const std::string& piece : tern::string_utils::split(text, ",")) {
+    size_t first = piece.find_first_not_of(" \t");
     if (first != std::string::npos)
-      prefixes.push_back(prefix.substr(first, last - first + 1));
-    start = comma + 1;
+      prefixes.push_back(piece.substr(first, piece.find_last_not_of(" \t") - first + 1));
   }
   return prefixes;
 }
