@@ -4,7 +4,7 @@
 //   const web = host.createWebComponent('page1');
 //   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
 //                                onResponse(status, headers) {}, onData(chunk, atMs) {},
-//                                cancelAfterMs, keepBody });
+//                                cancelAfterMs, keepBody, signal });
 //   web.destroy();
 //   host.loadAbility(libraryPath, 'SSRAbility');           // true when found
 //   const result = await host.callAbility('SSRAbility', 'setFirstChunkCache',
@@ -23,6 +23,7 @@ napi_status velora_register_platform_module(napi_env env, const char* name, napi
 
 namespace {
 
+using arkweb_host::LoadHandle;
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
 using arkweb_host::WebComponent;
@@ -300,6 +301,53 @@ bool parseHeaders(napi_env env, napi_value value, arkweb_host::HeaderList* heade
   return true;
 }
 
+void finalizeLoadHandle(napi_env, void* data, void*) {
+  delete static_cast<std::shared_ptr<LoadHandle>*>(data);
+}
+
+napi_value AbortLoad(napi_env env, napi_callback_info info) {
+  void* data = nullptr;
+  if (napi_get_cb_info(env, info, nullptr, nullptr, nullptr, &data) == napi_ok && data)
+    (*static_cast<std::shared_ptr<LoadHandle>*>(data))->cancel();
+  return nullptr;
+}
+
+bool isAbortSignal(napi_env env, napi_value signal) {
+  return typeOf(env, signal) == napi_object &&
+         typeOf(env, property(env, signal, "aborted")) == napi_boolean &&
+         typeOf(env, property(env, signal, "addEventListener")) == napi_function;
+}
+
+// Cancels the load when `signal` aborts (at once when it already has).
+void cancelOnAbort(napi_env env, napi_value signal, std::shared_ptr<LoadHandle> handle) {
+  bool aborted = false;
+  napi_get_value_bool(env, property(env, signal, "aborted"), &aborted);
+  if (aborted) {
+    handle->cancel();
+    return;
+  }
+  auto* holder = new std::shared_ptr<LoadHandle>(std::move(handle));
+  napi_value listener;
+  if (napi_create_function(env, "abort", NAPI_AUTO_LENGTH, AbortLoad, holder, &listener) !=
+      napi_ok) {
+    delete holder;
+    return;
+  }
+  if (napi_add_finalizer(env, listener, holder, finalizeLoadHandle, nullptr, nullptr) != napi_ok) {
+    delete holder;  // the listener is never handed out, so nothing can call it
+    return;
+  }
+  napi_value type, once, onceFlag, args[3];
+  napi_create_string_utf8(env, "abort", NAPI_AUTO_LENGTH, &type);
+  napi_create_object(env, &once);
+  napi_get_boolean(env, true, &onceFlag);
+  napi_set_named_property(env, once, "once", onceFlag);
+  args[0] = type;
+  args[1] = listener;
+  args[2] = once;
+  napi_call_function(env, signal, property(env, signal, "addEventListener"), 3, args, nullptr);
+}
+
 napi_value Load(napi_env env, napi_callback_info info) {
   size_t argc = 1;
   napi_value argv[1] = {nullptr};
@@ -348,6 +396,10 @@ napi_value Load(napi_env env, napi_callback_info info) {
     napi_get_value_double(env, value, &ms);
     load.cancelAfterMs = static_cast<long>(ms);
   }
+  napi_value signal = property(env, options, "signal");
+  bool hasSignal = typeOf(env, signal) != napi_undefined && typeOf(env, signal) != napi_null;
+  if (hasSignal && !isAbortSignal(env, signal))
+    return throwType(env, "load: signal must be an AbortSignal");
 
   auto* context = new LoadContext();
   napi_value promise;
@@ -390,12 +442,15 @@ napi_value Load(napi_env env, napi_callback_info info) {
         napi_call_threadsafe_function(events, new LoadEvent(), napi_tsfn_blocking);
     };
   }
-  (*component)->load(std::move(load), [events](LoadResult result) {
-    auto* event = new LoadEvent();
-    event->kind = LoadEvent::kDone;
-    event->result = std::move(result);
-    napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
-  });
+  std::shared_ptr<LoadHandle> handle =
+      (*component)->load(std::move(load), [events](LoadResult result) {
+        auto* event = new LoadEvent();
+        event->kind = LoadEvent::kDone;
+        event->result = std::move(result);
+        napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
+      });
+  if (hasSignal)
+    cancelOnAbort(env, signal, std::move(handle));
   return promise;
 }
 

@@ -163,13 +163,47 @@ class NetworkListener : public flume::IFLHttpSessionListener {
   std::shared_ptr<PageLoad> load_;
 };
 
+// Cancels whichever hop of a load is current: a followed redirect is a new
+// PageLoad under the same handle.
+class LoadCanceller : public LoadHandle {
+ public:
+  void cancel() override {
+    std::weak_ptr<PageLoad> current;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      requested_ = true;
+      current = current_;
+    }
+    postCancel(current);
+  }
+
+  void track(const std::shared_ptr<PageLoad>& load) {
+    bool requested = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      current_ = load;
+      requested = requested_;
+    }
+    if (requested)
+      postCancel(load);
+  }
+
+ private:
+  static void postCancel(std::weak_ptr<PageLoad> weak);
+
+  std::mutex mutex_;
+  std::weak_ptr<PageLoad> current_;  // guarded by mutex_
+  bool requested_ = false;           // guarded by mutex_
+};
+
 class PageLoad : public Load {
  public:
   PageLoad(std::string tag,
            LoadOptions options,
            std::function<void(LoadResult)> done,
+           std::shared_ptr<LoadCanceller> canceller,
            int redirects)
-      : tag_(std::move(tag)), done_(std::move(done)) {
+      : tag_(std::move(tag)), done_(std::move(done)), canceller_(std::move(canceller)) {
     options_ = std::move(options);
     result_.url = options_.url;
     result_.redirects = redirects;
@@ -187,6 +221,7 @@ class PageLoad : public Load {
           loads.end());
       loads.push_back(self);
     }
+    canceller_->track(self);
     if (options_.cancelAfterMs >= 0) {
       std::weak_ptr<PageLoad> weak = self;
       ioThread().postDelayed(
@@ -364,14 +399,15 @@ class PageLoad : public Load {
       next.method = "GET";
       next.body.reset();
     }
-    auto load =
-        std::make_shared<PageLoad>(tag_, std::move(next), std::move(done_), result_.redirects + 1);
+    auto load = std::make_shared<PageLoad>(tag_, std::move(next), std::move(done_), canceller_,
+                                           result_.redirects + 1);
     load->begin();
     return true;
   }
 
   const std::string tag_;
   std::function<void(LoadResult)> done_;
+  const std::shared_ptr<LoadCanceller> canceller_;
   // Written on the io thread before the handler may answer, read on it after.
   ArkWeb_SchemeHandler* schemeHandler_ = nullptr;
   ArkWeb_ResourceRequest* request_ = nullptr;
@@ -400,18 +436,29 @@ void NetworkListener::onFLHttpFinish(const flume::FLHttpRequest&) {
   delete this;
 }
 
+// Cancels run on the engine's IO thread, like every other cancel.
+void LoadCanceller::postCancel(std::weak_ptr<PageLoad> weak) {
+  ioThread().post([weak] {
+    if (auto load = weak.lock())
+      load->cancel();
+  });
+}
+
 class WebComponentImpl : public WebComponent {
  public:
   explicit WebComponentImpl(std::string tag) : tag_(std::move(tag)) {}
   const std::string& tag() const override { return tag_; }
 
-  void load(LoadOptions options, std::function<void(LoadResult)> done) override {
+  std::shared_ptr<LoadHandle> load(LoadOptions options,
+                                   std::function<void(LoadResult)> done) override {
     {
       std::lock_guard<std::mutex> lock(activity().mutex);
       ++activity().active;
     }
-    auto load = std::make_shared<PageLoad>(tag_, std::move(options), std::move(done), 0);
+    auto canceller = std::make_shared<LoadCanceller>();
+    auto load = std::make_shared<PageLoad>(tag_, std::move(options), std::move(done), canceller, 0);
     load->begin();
+    return canceller;
   }
 
   void destroy() override {

@@ -74,6 +74,16 @@ struct LoadResult {
 // Milliseconds on the monotonic clock used by LoadTiming.
 double nowMs();
 
+// One started load, seen from the caller.
+class LoadHandle {
+ public:
+  virtual ~LoadHandle() = default;
+  // Stops the load (and a redirect it is following), as a frame that goes
+  // away does: it ends with ARKWEB_ERR_ABORTED and `done` still comes. Any
+  // thread; after the end it does nothing.
+  virtual void cancel() = 0;
+};
+
 class WebComponent {
  public:
   // Registers a component under `tag` (replacing one of the same tag).
@@ -83,7 +93,8 @@ class WebComponent {
   virtual const std::string& tag() const = 0;
   // Starts a load; `done` is called once, on an engine thread, after the
   // handler's stop callback has returned.
-  virtual void load(LoadOptions options, std::function<void(LoadResult)> done) = 0;
+  virtual std::shared_ptr<LoadHandle> load(LoadOptions options,
+                                           std::function<void(LoadResult)> done) = 0;
   LoadResult loadAndWait(LoadOptions options);
   // Fires the component's destroy notices on this thread, then unregisters
   // it. Later loads fail with ARKWEB_ERR_ABORTED.
