@@ -1,156 +1,143 @@
 'use strict';
-// The main job: a small site loaded by a web component bound to Velora and by
-// one that is not, side by side. The page is prefetched before its component
-// is bound, the assets come from an offline package. For each request: where
-// it was answered from, its status, size, time to first byte and to finish.
-// Then a server-rendered page (400 ms to render) visited with the first-chunk
-// cache on: the second visit starts from the stored chunk, and a new version
-// of the page is cleaned up in place; every body is checked byte for byte.
+// The main job: the Harbor News demo site loaded in headless Chromium under
+// realistic conditions, every request going through the host engine, once
+// per scenario: directly (the component not bound to Velora), through Velora
+// over the network, with the site's offline package, with a prefetch started
+// before navigation, from the stored first chunk (a second visit), and with
+// all of them. Prints the medians and per request where it was answered
+// from; writes report.json, a screenshot per scenario and a waterfall.
+//
+//   node demo/main.js [--rtt 80] [--kbps 10000] [--render 400] [--runs 5]
+//                     [--prefetch-lead 300] [--out build/demo-report]
+//
+// Without a usable Chromium it says why and runs the host-engine job instead.
+const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
+const { chromiumMissing, launchBrowser } = require('./browser.js');
+const { SCENARIOS, prepareSite, runScenario, checkPage } = require('./harness.js');
+const { waterfallHtml } = require('./waterfall.js');
 
 const ROOT = path.resolve(__dirname, '..');
 const BUILD = path.resolve(ROOT, process.env.VELORA_BUILD_DIR || 'build');
-const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-demo-'));
-process.env.VELORA_DATA_DIR = process.env.VELORA_DATA_DIR || dataDir;
-process.env.VELORA_LOG = process.env.VELORA_LOG || path.join(dataDir, 'log.jsonl');
-process.env.VELORA_HILOG = process.env.VELORA_HILOG || path.join(dataDir, 'hilog.txt');
-process.env.VELORA_PACKAGES_DIR = process.env.VELORA_PACKAGES_DIR || path.join(dataDir, 'packages');
 
-const { execFileSync } = require('node:child_process');
-const { startOrigin } = require(path.join(ROOT, 'tests', 'js', 'origin.js'));
-const { fccFirstChunk } = require(path.join(ROOT, 'tests', 'origin', 'server.js'));
-const host = require(path.join(BUILD, 'arkweb_host.node'));
-const velora = require(path.join(BUILD, 'velora.node'));
-
-const SITE = [
-  { path: '/site/index.html', mainFrame: true },
-  { path: '/site/assets/style.css' },
-  { path: '/site/assets/app.js' },
-  { path: '/site/assets/logo.svg' },
-  { path: '/site/assets/data.json' },
-];
-
-function row(columns) {
-  const widths = [12, 30, 22, 7, 9, 9, 9];
-  return columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
+function options() {
+  const args = process.argv.slice(2);
+  const value = (name, fallback) => {
+    const i = args.indexOf(name);
+    return i >= 0 && i + 1 < args.length ? args[i + 1] : fallback;
+  };
+  const number = (name, fallback) => {
+    const n = Number(value(name, fallback));
+    if (!Number.isFinite(n) || n < 0) throw new Error(`${name} needs a number, not ${value(name)}`);
+    return n;
+  };
+  return { rtt: number('--rtt', 80), kbps: number('--kbps', 10000), render: number('--render', 400),
+    runs: Math.max(1, Math.round(number('--runs', 5))), prefetchLeadMs: number('--prefetch-lead', 300),
+    out: path.resolve(value('--out', path.join(BUILD, 'demo-report'))) };
 }
 
-// The structured log says where Velora answered from.
-let logOffset = 0;
-function newLogEntries() {
-  if (!fs.existsSync(process.env.VELORA_LOG)) return [];
-  const text = fs.readFileSync(process.env.VELORA_LOG, 'utf8');
-  const fresh = text.slice(logOffset);
-  logOffset = text.length;
-  return fresh.split('\n').filter(Boolean).map((line) => JSON.parse(line));
+const median = (values) => {
+  const sorted = values.filter((v) => v !== null).sort((a, b) => a - b);
+  if (sorted.length === 0) return null;
+  const mid = Math.floor(sorted.length / 2);
+  return sorted.length % 2 ? sorted[mid] : (sorted[mid - 1] + sorted[mid]) / 2;
+};
+const ms = (value) => (value === null ? '-' : String(Math.round(value)));
+const pad = (columns, widths) => columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
+
+// The run whose FCP is the median one stands for its scenario in the
+// per-request table and the waterfall.
+function representative(runs, fcp) {
+  return runs.reduce((best, run) => (Math.abs(run.fcp - fcp) < Math.abs(best.fcp - fcp) ? run : best));
 }
 
-function sourceOf(result, entries) {
-  if (!result.intercepted) return 'engine network';
-  if (entries.some((e) => e.event === 'request' && e.fields.prefetchHit)) return 'Velora: prefetch';
-  if (entries.some((e) => e.event === 'strataSuccess')) return 'Velora: package';
-  return 'Velora: network';
-}
-
-// Packages the site's assets, as an app team would ship them.
-function installAssetsPackage(origin) {
-  const pack = path.join(BUILD, 'velora-pack');
-  const out = path.join(dataDir, 'demo-assets.zip');
-  execFileSync(pack, ['build', path.join(ROOT, 'tests', 'origin', 'site', 'assets'),
-    origin.url('/site/assets'), out, '--id', 'demo-assets', '--version', '1.0.0']);
-  execFileSync(pack, ['install', out], { stdio: ['ignore', 'ignore', 'ignore'] });
-}
-
-async function loadSite(label, web, origin) {
-  const lines = [];
-  for (const asset of SITE) {
-    newLogEntries();
-    const res = await web.load({ url: origin.url(asset.path), mainFrame: !!asset.mainFrame });
-    const entries = newLogEntries();
-    const ttfb = res.timing.firstByte === null ? '-' : (res.timing.firstByte - res.timing.start).toFixed(1);
-    const total = (res.timing.finish - res.timing.start).toFixed(1);
-    lines.push(row([label, asset.path, sourceOf(res, entries), res.error === null ? res.status : `err ${res.error}`,
-      res.body.length, ttfb, total]));
+async function renderWaterfall(htmlFile, pngFile) {
+  const browser = await launchBrowser('http://127.0.0.1:9');  // a local file needs no network
+  try {
+    const page = await browser.newPage({ viewport: { width: 960, height: 600 } });
+    await page.goto(`file://${htmlFile}`);
+    await page.screenshot({ path: pngFile, fullPage: true });
+  } finally {
+    await browser.close();
   }
-  return lines;
-}
-
-// What a page sees after a stale first chunk: the stored chunk, the script
-// that empties the document, then the live page.
-const INVALIDATE_SCRIPT = '<script>document.getRootNode().activeElement.innerHTML=null;' +
-  'document.head.innerHTML=null</script>';
-
-async function visitServerRenderedPage(origin) {
-  velora.setFccEnable(true);
-  const web = host.createWebComponent('demo-ssr');
-  velora.webviewNativeInit({ webTag: 'demo-ssr', prefetchId: '', prefetchUrl: '' });
-  velora.webviewNativeAttach({ webTag: 'demo-ssr' });
-  const visits = [
-    { label: 'first visit', version: '1', stored: null },
-    { label: 'second visit', version: '1', stored: '1' },
-    { label: 'new version', version: '2', stored: '1' },
-  ];
-  const lines = [];
-  let allMatch = true;
-  for (const visit of visits) {
-    const url = origin.url(`/fcc/news?wait=400&delay=100&size=20000&version=${visit.version}`);
-    const live = Buffer.from(await (await fetch(url)).arrayBuffer());
-    const res = await web.load({ url, mainFrame: true });
-    const fromCache = res.headers.some(([name]) => name.toLowerCase() === 'x-first-chunk-cache');
-    let expected = live;
-    if (visit.stored && visit.stored !== visit.version) {
-      expected = Buffer.concat([Buffer.from(fccFirstChunk('news', visit.stored)),
-        Buffer.from(INVALIDATE_SCRIPT), live]);
-    }
-    const match = res.body.equals(expected);
-    allMatch = allMatch && match;
-    const ttfb = (res.timing.firstByte - res.timing.start).toFixed(1);
-    const total = (res.timing.finish - res.timing.start).toFixed(1);
-    lines.push(row([visit.label, `/fcc/news (version ${visit.version})`,
-      fromCache ? 'Velora: first chunk' : 'Velora: SSR gateway', res.status, res.body.length, ttfb,
-      total]) + (match ? ' bytes ok' : ' BYTES DIFFER'));
-  }
-  web.destroy();
-  return { lines, allMatch };
 }
 
 async function main() {
-  const origin = await startOrigin();
-  process.env.VELORA_SSR_RULES = origin.url('/fcc/');
+  const missing = chromiumMissing();
+  if (missing) {
+    console.log(`Chromium cannot be used here: ${missing}.`);
+    console.log('Running the host-engine job instead.\n');
+    require('./engine_run.js');
+    return;
+  }
+  const opts = options();
+  fs.mkdirSync(opts.out, { recursive: true });
+  const setup = await prepareSite(BUILD, opts);
   try {
-    installAssetsPackage(origin);
-    velora.sdkInit({ appTag: 'demo', appVersion: '1.0.0', isDebug: true });
-    velora.setClientInfo({ displayWith: 1260, displayHeight: 2720, safeAreaHeight: 120,
-      deviceRatio: 3.25, landscape: false });
-    velora.setNetworkIntercept(true);
+    const title = `Harbor News in Chromium: RTT ${opts.rtt} ms, ${opts.kbps / 1000} Mbit/s, server render ` +
+      `${opts.render} ms, prefetch started ${opts.prefetchLeadMs} ms before navigation`;
+    console.log(`${title}\n${opts.runs} runs per scenario, interleaved; load average ` +
+      `${os.loadavg().map((l) => l.toFixed(2)).join(' ')}\n`);
+    const runs = new Map(SCENARIOS.map((s) => [s.name, []]));
+    const failures = [];
+    for (let round = 0; round < opts.runs; round++) {
+      for (let i = 0; i < SCENARIOS.length; i++) {
+        const scenario = SCENARIOS[(i + round) % SCENARIOS.length];
+        const shot = round === opts.runs - 1 ? path.join(opts.out, `${scenario.name}.png`) : undefined;
+        const run = await runScenario(scenario, setup, shot);
+        const problem = checkPage(run);
+        if (problem) failures.push(`${scenario.name}: ${problem}`);
+        else runs.get(scenario.name).push(run);
+        process.stdout.write('.');
+      }
+    }
+    process.stdout.write('\n\n');
 
-    // The page is prefetched while the app is still setting up its component.
-    const pageUrl = origin.url(SITE[0].path);
-    const prefetchId = velora.prefetch({ url: pageUrl, method: 'GET', headers: [] });
-    await new Promise((resolve) => setTimeout(resolve, 50));
-    const bound = host.createWebComponent('demo-page');
-    velora.webviewNativeInit({ webTag: 'demo-page', prefetchId, prefetchUrl: pageUrl });
-    velora.webviewNativeAttach({ webTag: 'demo-page' });
-    const plain = host.createWebComponent('plain-page');
+    const widths = [20, 7, 7, 7, 7, 14];
+    console.log(pad(['scenario (ms)', 'FCP', 'LCP', 'DCL', 'load', 'FCP vs direct'], widths));
+    const summary = [];
+    for (const scenario of SCENARIOS) {
+      const list = runs.get(scenario.name);
+      if (list.length === 0) continue;
+      const med = {};
+      for (const key of ['fcp', 'lcp', 'dcl', 'load']) med[key] = median(list.map((run) => run[key]));
+      summary.push({ scenario: scenario.name, median: med, runs: list,
+        representative: representative(list, med.fcp) });
+    }
+    const direct = summary.find((s) => s.scenario === 'direct');
+    for (const s of summary) {
+      const speedup = direct && s.median.fcp ? `${(direct.median.fcp / s.median.fcp).toFixed(1)}× sooner` : '-';
+      s.fcpSpeedup = direct && s.median.fcp ? direct.median.fcp / s.median.fcp : null;
+      console.log(pad([s.scenario, ms(s.median.fcp), ms(s.median.lcp), ms(s.median.dcl), ms(s.median.load),
+        s === direct ? '' : speedup], widths));
+    }
+    for (const s of summary) {
+      console.log(`\n${s.scenario}: request            answered from          status  bytes    ttfb ms`);
+      const requests = [...s.representative.requests].sort((a, b) =>
+        (a.browser ? a.browser.start : 0) - (b.browser ? b.browser.start : 0));
+      for (const r of requests) {
+        console.log(`  ${pad([r.path, r.source, r.error === null ? r.status : `err ${r.error}`, r.bytes,
+          ms(r.ttfb)], [30, 22, 7, 8, 7])}`);
+      }
+    }
 
-    console.log(`origin http://127.0.0.1:${origin.port}, logs in ${path.dirname(process.env.VELORA_LOG)}`);
-    console.log(row(['page', 'request', 'answered from', 'status', 'bytes', 'ttfb ms', 'total ms']));
-    for (const line of await loadSite('velora', bound, origin)) console.log(line);
-    for (const line of await loadSite('direct', plain, origin)) console.log(line);
-    bound.destroy();
-    plain.destroy();
-
-    console.log('\nserver-rendered page, first-chunk cache on (the server renders for 400 ms):');
-    const ssr = await visitServerRenderedPage(origin);
-    for (const line of ssr.lines) console.log(line);
-    if (!ssr.allMatch) {
-      console.error('the engine received other bytes than the live page');
+    const report = { title, conditions: { rttMs: opts.rtt, kbps: opts.kbps, renderMs: opts.render,
+      prefetchLeadMs: opts.prefetchLeadMs, runs: opts.runs }, loadAverage: os.loadavg(),
+    chromium: execFileSync(require('./browser.js').CHROMIUM, ['--version'], { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] }).trim(),
+    scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
+    fs.writeFileSync(path.join(opts.out, 'report.json'), `${JSON.stringify(report, null, 2)}\n`);
+    const htmlFile = path.join(opts.out, 'waterfall.html');
+    fs.writeFileSync(htmlFile, waterfallHtml(summary.map((s) => s.representative), title));
+    await renderWaterfall(htmlFile, path.join(opts.out, 'waterfall.png'));
+    console.log(`\nreport, screenshots and waterfall: ${opts.out}`);
+    if (failures.length > 0) {
+      console.error(`\n${failures.length} run(s) failed:\n${failures.join('\n')}`);
       process.exitCode = 1;
     }
   } finally {
-    origin.stop();
+    setup.stop();
   }
 }
 

@@ -9,6 +9,7 @@ packages=(
   libcurl4-openssl-dev libsqlite3-dev liburiparser-dev libzip-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 zip valgrind clang libclang-rt-14-dev
+  chromium  # the main job and its end-to-end test load pages in it
 )
 missing=()
 for package in "${packages[@]}"; do
@@ -26,6 +27,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-if [ ! -d node_modules/node-api-headers ] || [ package-lock.json -nt node_modules/.package-lock.json ]; then
+if [ ! -d node_modules/node-api-headers ] || [ ! -d node_modules/playwright-core ] ||
+   [ package-lock.json -nt node_modules/.package-lock.json ]; then
   npm ci --no-audit --no-fund
 fi

@@ -1,0 +1,127 @@
+'use strict';
+// One measured visit of the demo page in Chromium, in a process of its own so
+// that the module's state, data folder and packages start fresh as in a
+// newly started app. Every request of the page goes through the browser
+// front into a web component: bound to Velora, or not bound for the direct
+// scenario.
+//
+//   node demo/scenario.js '{"scenario": {...}, "pageUrl": ..., "dataDir": ..., ...}'
+//
+// Prints the result as one JSON line: the page's paint and load times, and
+// per request where it was answered from and its time to first byte.
+const fs = require('node:fs');
+const path = require('node:path');
+const { visit, launchBrowser } = require('./browser.js');
+
+const ROOT = path.resolve(__dirname, '..');
+
+function readLog(file, offset) {
+  if (!fs.existsSync(file)) return [];
+  const text = fs.readFileSync(file).subarray(offset).toString('utf8');
+  return text.split('\n').filter(Boolean).map((line) => JSON.parse(line));
+}
+
+function hasHeader(headers, name) {
+  return headers.some(([key]) => key.toLowerCase() === name);
+}
+
+// Where a request was answered from, as the module's log and the response
+// headers tell.
+function sourceOf(record, log) {
+  if (!record.intercepted) return 'engine';
+  const entries = log.filter((entry) => entry.fields && entry.fields.url === record.url);
+  const firstChunk = hasHeader(record.headers, 'x-first-chunk-cache');
+  if (entries.some((entry) => entry.event === 'request' && entry.fields.prefetchHit)) {
+    return firstChunk ? 'prefetch+first chunk' : 'prefetch';
+  }
+  if (entries.some((entry) => entry.event === 'strataSuccess')) return 'package';
+  return firstChunk ? 'first chunk' : 'network';
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+async function run(options) {
+  const { scenario, pageUrl } = options;
+  const build = path.resolve(ROOT, options.build || 'build');
+  const velora = require(path.join(build, 'velora.node'));
+  const host = require(path.join(build, 'arkweb_host.node'));
+  const { startBrowserFront } = require(path.join(ROOT, 'tools', 'browser_front.js'));
+
+  velora.sdkInit({ appTag: 'harbor', appVersion: '1.0.0', isDebug: false });
+  velora.setClientInfo({ displayWith: 1100, displayHeight: 860, safeAreaHeight: 0, deviceRatio: 1,
+    landscape: true });
+  velora.setNetworkIntercept(true);
+  velora.setFccEnable(Boolean(scenario.firstChunk));
+
+  let component = null;
+  const records = [];
+  const front = await startBrowserFront({ component: () => component, onRequest: (r) => records.push(r) });
+  const browser = await launchBrowser(front.proxy);
+  const bind = (tag, prefetchId = '', prefetchUrl = '') => {
+    const web = host.createWebComponent(tag);
+    if (scenario.velora) {
+      velora.webviewNativeInit({ webTag: tag, prefetchId, prefetchUrl });
+      velora.webviewNativeAttach({ webTag: tag });
+    }
+    return web;
+  };
+  try {
+    // The browser's own start-up (first renderer) is not the page's time.
+    const context = await browser.newContext();
+    await (await context.newPage()).goto('about:blank');
+    await context.close();
+
+    if (scenario.firstChunk) {  // the first visit stores the first chunk
+      component = bind('first-visit');
+      await visit(browser, pageUrl);
+      component.destroy();
+    }
+    let logOffset = 0;
+    const beforeNavigate = async () => {
+      let prefetchId = '';
+      if (scenario.prefetch) {  // started while the app sets up its page
+        prefetchId = velora.prefetch({ url: pageUrl, method: 'GET', headers: [] });
+      }
+      component = bind('page', prefetchId, scenario.prefetch ? pageUrl : '');
+      if (scenario.prefetch) await sleep(options.prefetchLeadMs);
+      records.length = 0;
+      logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
+    };
+    const metrics = await visit(browser, pageUrl, { screenshot: options.screenshot, beforeNavigate });
+    // The front records a request when its load has ended, just after the
+    // browser got the last byte.
+    for (let i = 0; i < 100 && records.length < metrics.resources.length; i++) await sleep(10);
+    const log = readLog(process.env.VELORA_LOG, logOffset);
+    const timings = new Map(metrics.resources.map((entry) => [entry.url, entry]));
+    const requests = records.map((record) => ({
+      url: record.url,
+      path: new URL(record.url).pathname,
+      mainFrame: record.mainFrame,
+      source: sourceOf(record, log),
+      status: record.status,
+      error: record.error,
+      bytes: record.bytes,
+      ttfb: record.timing && record.timing.firstByte !== null
+        ? record.timing.firstByte - record.timing.start : null,
+      browser: timings.get(record.url) || null,
+    }));
+    delete metrics.resources;
+    return { scenario: scenario.name, ...metrics, requests };
+  } finally {
+    if (component) component.destroy();
+    await browser.close();
+    await front.close();
+  }
+}
+
+if (require.main === module) {
+  const options = JSON.parse(process.argv[2]);
+  run(options).then((result) => {
+    process.stdout.write(`${JSON.stringify(result)}\n`);
+  }).catch((error) => {
+    process.stderr.write(`${error.stack || error}\n`);
+    process.exitCode = 1;
+  });
+}
+
+module.exports = { run, sourceOf };

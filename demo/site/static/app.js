@@ -1,0 +1,28 @@
+'use strict';
+// Harbor News page script: fills in the reader comments from the API and
+// marks the page ready for whoever watches it.
+(function () {
+  const list = document.getElementById('comment-list');
+  const format = window.harborFormat || ((text) => text);
+  fetch('/api/comments?article=harbor-lights', { headers: { Accept: 'application/json' } })
+    .then((res) => {
+      if (!res.ok) throw new Error(`comments: HTTP ${res.status}`);
+      return res.json();
+    })
+    .then((data) => {
+      list.textContent = '';
+      for (const comment of data.comments) {
+        const item = document.createElement('div');
+        item.className = 'comment';
+        const author = document.createElement('b');
+        author.textContent = comment.author;
+        item.append(author, ` ${format(comment.text)}`);
+        list.append(item);
+      }
+      document.body.dataset.comments = String(data.comments.length);
+    })
+    .catch((error) => {
+      list.textContent = error.message;
+      document.body.dataset.comments = 'failed';
+    });
+}());
