@@ -50,12 +50,12 @@ body{font:13px/1.3 "DejaVu Sans",Arial,sans-serif;margin:16px;color:#222;backgro
 h1{font-size:17px;margin:0 0 4px}h2{font-size:14px;margin:14px 0 4px}
 h2 small{font-weight:normal;color:#555;margin-left:8px}
 .legend span{margin-right:12px}.legend b{display:inline-block;width:10px;height:10px;margin-right:4px}
-.chart{position:relative;padding-bottom:4px}.row{display:flex;height:17px;align-items:center}
+.chart{position:relative;padding:34px 0 4px}.row{display:flex;height:17px;align-items:center}
 .label{width:290px;flex:none;overflow:hidden;white-space:nowrap;font-size:12px}
 .label i{font-style:normal;font-size:11px}
 .lane{position:relative;width:${width}px;height:11px;background:#f3f4f6}
 .wait{position:absolute;height:100%;background:#d5dae0}.recv{position:absolute;height:100%}
-.mark{position:absolute;top:0;bottom:0;margin-left:290px;border-left:2px dashed;pointer-events:none}
+.mark{position:absolute;top:0;bottom:0;margin-left:290px;border-left:2px solid;z-index:1;opacity:.8}
 .mark span{position:absolute;top:0;left:3px;font-size:10px;white-space:nowrap}
 .axis{position:relative;margin-left:290px;height:14px;color:#777;font-size:10px}
 .axis span{position:absolute}</style></head><body>
