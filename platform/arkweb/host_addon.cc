@@ -105,22 +105,65 @@ struct LoadEvent {
   LoadResult result;                // kDone
 };
 
+// Body bytes on their way to script: up to kBatchBytes, and when the first
+// of them came.
+struct Batch {
+  static constexpr size_t kBatchBytes = 1 << 20;
+  std::string bytes;
+  double atMs = 0;
+};
+
 // One load from script. Body pieces are batched: while a data event waits
 // for the script thread, later pieces join it, so a busy script gets few
-// large buffers and an idle one gets every piece at once.
+// large buffers and an idle one gets every piece at once. Batches have a
+// fixed size and come from the pool, so they never grow by copying.
 struct LoadContext {
   napi_deferred deferred = nullptr;
   napi_ref onData = nullptr;
   napi_ref onResponse = nullptr;
   napi_threadsafe_function events = nullptr;
   std::mutex mutex;
-  std::string pending;      // guarded by mutex
-  double pendingAtMs = 0;   // guarded by mutex: when its first byte came
-  bool dataQueued = false;  // guarded by mutex
+  std::vector<Batch> batches;  // guarded by mutex; the last one fills up
+  bool dataQueued = false;     // guarded by mutex
 };
 
-// Hands `bytes` to script without copying them.
-napi_value externalBuffer(napi_env env, std::string&& bytes) {
+// Body batches are recycled: a batch script has let go of (collected) comes
+// back here, so a long download does not map fresh memory for every batch.
+class BatchPool {
+ public:
+  static BatchPool& get() {
+    static BatchPool* pool = new BatchPool;  // finalizers may run until exit
+    return *pool;
+  }
+
+  std::string take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (spare_.empty())
+      return std::string();
+    std::string batch = std::move(spare_.back());
+    spare_.pop_back();
+    batch.clear();
+    return batch;
+  }
+
+  void give(std::string&& batch) {
+    if (batch.capacity() > kMaxKeptBytes)
+      return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (spare_.size() < kMaxSpare)
+      spare_.push_back(std::move(batch));
+  }
+
+ private:
+  static constexpr size_t kMaxKeptBytes = 4 << 20;
+  static constexpr size_t kMaxSpare = 32;
+  std::mutex mutex_;
+  std::vector<std::string> spare_;  // guarded by mutex_
+};
+
+// Hands `bytes` to script without copying them; `recycle` gives the memory
+// to the batch pool once script has let go of it.
+napi_value externalBuffer(napi_env env, std::string&& bytes, bool recycle = false) {
   if (bytes.empty()) {
     napi_value empty;
     void* data = nullptr;
@@ -128,11 +171,16 @@ napi_value externalBuffer(napi_env env, std::string&& bytes) {
     return empty;
   }
   auto* owned = new std::string(std::move(bytes));
+  napi_finalize release = [](napi_env, void*, void* hint) {
+    delete static_cast<std::string*>(hint);
+  };
+  napi_finalize recycleBatch = [](napi_env, void*, void* hint) {
+    std::unique_ptr<std::string> batch(static_cast<std::string*>(hint));
+    BatchPool::get().give(std::move(*batch));
+  };
   napi_value buffer;
-  if (napi_create_external_buffer(
-          env, owned->size(), owned->data(),
-          [](napi_env, void*, void* hint) { delete static_cast<std::string*>(hint); }, owned,
-          &buffer) != napi_ok) {
+  if (napi_create_external_buffer(env, owned->size(), owned->data(),
+                                  recycle ? recycleBatch : release, owned, &buffer) != napi_ok) {
     // Runtimes that refuse external buffers get a copy.
     void* copy = nullptr;
     napi_create_buffer_copy(env, owned->size(), owned->data(), &copy, &buffer);
@@ -224,16 +272,17 @@ void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* even
       return;
     }
     case LoadEvent::kData: {
-      std::string bytes;
-      double atMs = 0;
+      std::vector<Batch> batches;
       {
         std::lock_guard<std::mutex> lock(context->mutex);
-        bytes.swap(context->pending);
-        atMs = context->pendingAtMs;
+        batches.swap(context->batches);
         context->dataQueued = false;
       }
-      napi_value args[2] = {externalBuffer(env, std::move(bytes)), number(env, atMs)};
-      callScript(env, context->onData, 2, args);
+      for (Batch& batch : batches) {
+        napi_value args[2] = {externalBuffer(env, std::move(batch.bytes), true),
+                              number(env, batch.atMs)};
+        callScript(env, context->onData, 2, args);
+      }
       return;
     }
     case LoadEvent::kDone:
@@ -432,9 +481,12 @@ napi_value Load(napi_env env, napi_callback_info info) {
       bool post = false;
       {
         std::lock_guard<std::mutex> lock(context->mutex);
-        if (context->pending.empty())
-          context->pendingAtMs = atMs;
-        context->pending.append(data, size);
+        auto& batches = context->batches;
+        if (batches.empty() || batches.back().bytes.size() + size > Batch::kBatchBytes) {
+          batches.push_back(Batch{BatchPool::get().take(), atMs});
+          batches.back().bytes.reserve(Batch::kBatchBytes);
+        }
+        batches.back().bytes.append(data, size);
         post = !context->dataQueued;
         context->dataQueued = true;
       }
