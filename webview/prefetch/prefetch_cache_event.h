@@ -27,6 +27,8 @@ class PrefetchCacheEvent {
 
   PrefetchCacheEventType getEventType() const { return eventType_; }
   std::vector<std::any> getEventParams() const { return eventParams_; }
+  // The parameters without a copy, for the replay.
+  const std::vector<std::any>& params() const { return eventParams_; }
 
  private:
   PrefetchCacheEventType eventType_;

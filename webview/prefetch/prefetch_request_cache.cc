@@ -107,7 +107,8 @@ bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback)
 }
 
 void PrefetchRequestCache::replay(const PrefetchCacheEvent& event) {
-  std::vector<std::any> params = event.getEventParams();
+  // Read in place: a replay moves each event's bytes once, into the consumer.
+  const std::vector<std::any>& params = event.params();
   auto entry = [this](const char* name) {
     auto builder = tide::Log::build(tide::kInfo, kLogTag);
     builder.event(name)
@@ -120,10 +121,11 @@ void PrefetchRequestCache::replay(const PrefetchCacheEvent& event) {
   switch (event.getEventType()) {
     case RESPONSE:
     case SILENT_RESPONSE: {
-      int status = params.size() > 0 ? std::any_cast<int>(params[0]) : -1;
-      HeaderMultimap headers =
-          params.size() > 1 ? std::any_cast<HeaderMultimap>(params[1]) : HeaderMultimap();
       if (event.getEventType() == RESPONSE) {
+        int status = params.size() > 0 ? std::any_cast<int>(params[0]) : -1;
+        static const HeaderMultimap kNoHeaders;
+        const HeaderMultimap& headers =
+            params.size() > 1 ? std::any_cast<const HeaderMultimap&>(params[1]) : kNoHeaders;
         consumer_->onResponse(status, headers);
         entry("consumeResponse").done();
       }
@@ -132,7 +134,7 @@ void PrefetchRequestCache::replay(const PrefetchCacheEvent& event) {
     case DATA: {
       if (params.size() < 2)
         break;
-      auto bytes = std::any_cast<std::shared_ptr<unsigned char>>(params[0]);
+      const auto& bytes = std::any_cast<const std::shared_ptr<unsigned char>&>(params[0]);
       auto length = std::any_cast<unsigned long>(params[1]);
       entry("consumeData").key("length").value(length).done();
       consumer_->onData(bytes.get(), length);
@@ -141,7 +143,7 @@ void PrefetchRequestCache::replay(const PrefetchCacheEvent& event) {
     case ERROR: {
       int code = params.size() > 0 ? std::any_cast<int>(params[0]) : -1;
       auto error = std::any_cast<ArkWeb_NetError>(params.at(1));
-      auto message = std::any_cast<std::string>(params.at(2));
+      const auto& message = std::any_cast<const std::string&>(params.at(2));
       entry("consumeError")
           .key("code")
           .value(code)
