@@ -449,6 +449,12 @@ napi_value Load(napi_env env, napi_callback_info info) {
   bool hasSignal = typeOf(env, signal) != napi_undefined && typeOf(env, signal) != napi_null;
   if (hasSignal && !isAbortSignal(env, signal))
     return throwType(env, "load: signal must be an AbortSignal");
+  if (hasSignal) {
+    bool aborted = false;
+    napi_get_value_bool(env, property(env, signal, "aborted"), &aborted);
+    if (aborted)
+      load.cancelAfterMs = 0;  // stopped before it starts
+  }
 
   auto* context = new LoadContext();
   napi_value promise;

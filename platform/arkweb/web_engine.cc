@@ -222,7 +222,9 @@ class PageLoad : public Load {
       loads.push_back(self);
     }
     canceller_->track(self);
-    if (options_.cancelAfterMs >= 0) {
+    if (options_.cancelAfterMs == 0) {
+      canceller_->cancel();  // queued before the start: the load never goes out
+    } else if (options_.cancelAfterMs > 0) {
       std::weak_ptr<PageLoad> weak = self;
       ioThread().postDelayed(
           [weak] {

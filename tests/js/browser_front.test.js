@@ -202,8 +202,9 @@ test('a load of the driver is cancelled by its signal, before or during the load
   const web = components.engine;
   const early = new AbortController();
   early.abort();
-  const stopped = await web.load({ url: suite.origin.url('/bytes/10'), signal: early.signal });
+  const stopped = await web.load({ url: suite.origin.url('/bytes/11'), signal: early.signal });
   assert.notEqual(stopped.error, null);
+  assert.equal(await suite.origin.count('/bytes/11'), 0, 'an aborted load went out');
   const late = new AbortController();
   setTimeout(() => late.abort(), 100);
   const res = await web.load({ url: suite.origin.url('/delay?ms=2000'), signal: late.signal });

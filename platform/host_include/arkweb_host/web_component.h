@@ -29,7 +29,7 @@ struct LoadOptions {
   std::optional<std::string> body;
   bool chunked = false;
   // Cancels the load this long after it started, as a page that navigates
-  // away does; negative: never.
+  // away does; 0: before it goes out; negative: never.
   long cancelAfterMs = -1;
   // The engine's own network is off: a request no handler takes fails with
   // ARKWEB_ERR_INTERNET_DISCONNECTED instead of going out.
