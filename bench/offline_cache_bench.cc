@@ -3,10 +3,15 @@
 //    package vs. fetched from the local origin over loopback;
 //  - a package hit (lookup, read, completion on the library's thread) vs. a
 //    direct read of the same file.
+// Variants are interleaved in rotated order over the rounds; medians.
+//
+//   offline_cache_bench [--rounds N]
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -17,12 +22,14 @@
 #include "bound_page.h"
 #include "hilog/log.h"
 #include "origin_server.h"
-#include "strata/strata_core.h"
 #include "strata/host_config.h"
+#include "strata/strata_core.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using velora_bench::Sample;
 
 constexpr size_t kResourceSize = 50 * 1024;
 
@@ -58,76 +65,92 @@ Fixture& fixture() {
   return *instance;
 }
 
-void loadLatency(benchmark::State& state, const std::string& url) {
+// Start to finish of `count` loads of `url`, summed; and the process's CPU.
+Sample loads(const std::string& url, int count) {
   double totalMs = 0;
-  for (auto _ : state) {
-    arkweb_host::LoadResult result = fixture().page->load(url);
-    if (result.bodySize != kResourceSize)
-      state.SkipWithError("bad load");
-    totalMs += result.timing.finish - result.timing.start;
-  }
-  state.counters["ms_to_finish"] = totalMs / state.iterations();
-  state.counters["rate"] = benchmark::Counter(state.iterations() * 1000.0 / totalMs);
+  Sample sample = velora_bench::measure([&] {
+    for (int i = 0; i < count; ++i) {
+      arkweb_host::LoadResult result = fixture().page->load(url);
+      if (result.bodySize != kResourceSize)
+        std::abort();
+      totalMs += result.timing.finish - result.timing.start;
+    }
+  });
+  sample.wallMs = totalMs;
+  return sample;
 }
 
-void BM_Resource50K_FromOrigin(benchmark::State& state) {
-  loadLatency(state, fixture().networkUrl);
-}
-
-void BM_Resource50K_FromPackage(benchmark::State& state) {
-  loadLatency(state, fixture().packagedUrl);
-}
-
-void BM_DirectFileRead(benchmark::State& state) {
-  for (auto _ : state) {
-    std::string body(kResourceSize, '\0');
-    int fd = open(fixture().file.c_str(), O_RDONLY);
-    ssize_t n = read(fd, body.data(), body.size());
-    close(fd);
-    if (n != static_cast<ssize_t>(kResourceSize))
-      state.SkipWithError("short read");
-    benchmark::DoNotOptimize(body);
-  }
-  state.counters["rate"] = benchmark::Counter(state.iterations(), benchmark::Counter::kIsRate);
+Sample directReads(int count) {
+  return velora_bench::measure([&] {
+    for (int i = 0; i < count; ++i) {
+      std::string body(kResourceSize, '\0');
+      int fd = open(fixture().file.c_str(), O_RDONLY | O_CLOEXEC);
+      ssize_t n = read(fd, body.data(), body.size());
+      close(fd);
+      if (n != static_cast<ssize_t>(kResourceSize))
+        std::abort();
+      benchmark::DoNotOptimize(body);
+    }
+  });
 }
 
 // From the call to the moment the completion holds the bytes, on the
 // library's thread: where the module goes on to answer the page. The wait
 // for the caller to wake up afterwards is not part of the package path.
-void BM_PackageHit(benchmark::State& state) {
+Sample packageHits(int count) {
   StrataCore::ResourceRequest request(fixture().packagedUrl, {});
-  for (auto _ : state) {
-    std::promise<std::pair<size_t, std::chrono::steady_clock::time_point>> answer;
-    auto start = std::chrono::steady_clock::now();
-    StrataCore::Access::getResource(request, [&](std::unique_ptr<StrataCore::ResourceResponse> r) {
-      answer.set_value({r->body.size(), std::chrono::steady_clock::now()});
-    });
-    auto [size, end] = answer.get_future().get();
-    if (size != kResourceSize)
-      state.SkipWithError("bad hit");
-    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-  }
-  state.counters["rate"] = benchmark::Counter(state.iterations(), benchmark::Counter::kIsRate);
+  double totalMs = 0;
+  Sample sample = velora_bench::measure([&] {
+    for (int i = 0; i < count; ++i) {
+      std::promise<std::pair<size_t, std::chrono::steady_clock::time_point>> answer;
+      auto start = std::chrono::steady_clock::now();
+      StrataCore::Access::getResource(
+          request, [&](std::unique_ptr<StrataCore::ResourceResponse> r) {
+            answer.set_value({r->body.size(), std::chrono::steady_clock::now()});
+          });
+      auto [size, end] = answer.get_future().get();
+      if (size != kResourceSize)
+        std::abort();
+      totalMs += std::chrono::duration<double, std::milli>(end - start).count();
+    }
+  });
+  sample.wallMs = totalMs;
+  return sample;
 }
-
-BENCHMARK(BM_Resource50K_FromOrigin)->Iterations(300)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Resource50K_FromPackage)
-    ->Iterations(300)
-    ->UseRealTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_DirectFileRead)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PackageHit)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
 int main(int argc, char** argv) {
   OH_LOG_SetMinLogLevel(LOG_WARN);
-  int result = velora_bench::runAndPrintRatios(
-      argc, argv,
-      {{"50 KiB start->finish: package vs local origin (speed-up)", "BM_Resource50K_FromPackage",
-        "BM_Resource50K_FromOrigin", 1.0},
-       {"package hit vs direct read of the file (goal: within 2x)", "BM_PackageHit",
-        "BM_DirectFileRead", 0.5}});
+  int rounds = 7;
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--rounds") == 0)
+      rounds = std::atoi(argv[++i]);
+  }
+  std::printf("offline_cache_bench, %d rounds, %s\n", rounds, velora_bench::loadAverage().c_str());
+  using velora_bench::median;
+  using velora_bench::wallOf;
+  constexpr int kLoads = 50;
+  auto pages =
+      velora_bench::interleave({{"package", [&] { return loads(fixture().packagedUrl, kLoads); }},
+                                {"origin", [&] { return loads(fixture().networkUrl, kLoads); }}},
+                               rounds);
+  double fromPackage = median(wallOf(pages["package"])) / kLoads;
+  double fromOrigin = median(wallOf(pages["origin"])) / kLoads;
+  std::printf("\n50 KiB resource, start to finish (median, us per load)\n");
+  std::printf("  from the package %8.1f\n  from the origin  %8.1f   package %.1fx faster\n",
+              fromPackage * 1000, fromOrigin * 1000, fromOrigin / fromPackage);
+
+  constexpr int kHits = 500;
+  auto hits = velora_bench::interleave(
+      {{"hit", [&] { return packageHits(kHits); }}, {"read", [&] { return directReads(kHits); }}},
+      rounds);
+  double hit = median(wallOf(hits["hit"])) / kHits;
+  double read = median(wallOf(hits["read"])) / kHits;
+  std::printf(
+      "\npackage hit (call to completion holding the bytes) vs a direct read of the file\n");
+  std::printf("  hit  %6.2f us\n  read %6.2f us\n  hit / read %.2fx   (goal <= 2x)\n", hit * 1000,
+              read * 1000, hit / read);
   fs::remove_all(fixture().dir);
-  return result;
+  return 0;
 }

@@ -390,6 +390,7 @@ class Library {
   }
 
   void submit(const ResourceRequest& request, Completion completion) {
+    bool queued = false;
     {
       std::unique_lock<std::mutex> lock(mutex_);
       // A URL no package holds is answered at once, on the caller's thread:
@@ -404,9 +405,12 @@ class Library {
       }
       if (!stopping_) {
         jobs_.push_back({request.url(), std::move(completion)});
-        wake_.notify_one();
-        return;
+        queued = true;
       }
+    }
+    if (queued) {
+      wake_.notify_one();  // after unlocking: the worker must not wake into a held lock
+      return;
     }
     Job job{request.url(), std::move(completion)};
     answerShuttingDown(job);
