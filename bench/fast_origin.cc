@@ -107,9 +107,10 @@ void FastOrigin::serve(int fd) {
     if (request.compare(path, 7, "/bytes/") == 0)
       size = std::strtoull(request.c_str() + path + 7, nullptr, 10);
     request.erase(0, end + 4);
-    std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
-                       "Content-Length: " +
-                       std::to_string(size) + "\r\n\r\n";
+    std::string head =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
+        "Content-Length: " +
+        std::to_string(size) + "\r\n\r\n";
     if (!sendAll(fd, head.data(), head.size()))
       return;
     while (size > 0) {
