@@ -12,5 +12,5 @@ echo "machine: $(nproc) cores, $(uptime | sed 's/.*load/load/')"
 ./build/bench/request_path_bench "$@"
 ./build/bench/first_chunk_bench "$@"
 node bench/js_driver_bench.js
-./build/bench/offline_cache_bench --benchmark_min_time=0.5
+./build/bench/offline_cache_bench
 ./build/bench/prefetch_bench "$@"
