@@ -10,7 +10,8 @@
 //   node demo/main.js [--rtt 80] [--kbps 10000] [--render 400] [--runs 5]
 //                     [--prefetch-lead 300] [--out build/demo-report]
 //
-// Without a usable Chromium it says why and runs the host-engine job instead.
+// Without a Chromium that starts it says why and runs the host-engine job
+// instead.
 const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
@@ -64,8 +65,19 @@ async function renderWaterfall(htmlFile, pngFile) {
   }
 }
 
+// Why Chromium does not start here, or null when it does.
+async function launchProblem() {
+  try {
+    const browser = await launchBrowser('http://127.0.0.1:9');
+    await browser.close();
+    return null;
+  } catch (error) {
+    return `it does not start (${error.message.split('\n')[0]})`;
+  }
+}
+
 async function main() {
-  const missing = chromiumMissing();
+  const missing = chromiumMissing() || await launchProblem();
   if (missing) {
     console.log(`Chromium cannot be used here: ${missing}.`);
     console.log('Running the host-engine job instead.\n');
