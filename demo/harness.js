@@ -49,7 +49,11 @@ function runScenario(scenario, setup, screenshot) {
     let err = '';
     child.stdout.on('data', (piece) => { out += piece; });
     child.stderr.on('data', (piece) => { err += piece; });
-    const timer = setTimeout(() => child.kill('SIGKILL'), 180000);
+    // SIGTERM first: playwright closes the browser it started on it.
+    const timer = setTimeout(() => {
+      child.kill('SIGTERM');
+      setTimeout(() => child.kill('SIGKILL'), 5000).unref();
+    }, 180000);
     child.on('close', (code) => {
       clearTimeout(timer);
       try {

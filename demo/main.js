@@ -16,7 +16,7 @@ const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
-const { chromiumMissing, launchBrowser } = require('./browser.js');
+const { CHROMIUM, chromiumMissing, launchBrowser } = require('./browser.js');
 const { SCENARIOS, prepareSite, runScenario, checkPage } = require('./harness.js');
 const { waterfallHtml } = require('./waterfall.js');
 
@@ -32,6 +32,7 @@ function options() {
   const number = (name, fallback) => {
     const n = Number(value(name, fallback));
     if (!Number.isFinite(n) || n < 0) throw new Error(`${name} needs a number, not ${value(name)}`);
+    if (name === '--kbps' && n === 0) throw new Error('--kbps must be above 0');
     return n;
   };
   return { rtt: number('--rtt', 80), kbps: number('--kbps', 10000), render: number('--render', 400),
@@ -108,7 +109,7 @@ async function main() {
     process.stdout.write('\n\n');
 
     const widths = [20, 7, 7, 7, 7, 14];
-    console.log(pad(['scenario (ms)', 'FCP', 'LCP', 'DCL', 'load', 'FCP vs direct'], widths));
+    console.log(pad(['scenario (ms)', 'FCP', 'LCP', 'DCL', 'load', 'direct FCP / FCP'], widths));
     const summary = [];
     for (const scenario of SCENARIOS) {
       const list = runs.get(scenario.name);
@@ -120,7 +121,7 @@ async function main() {
     }
     const direct = summary.find((s) => s.scenario === 'direct');
     for (const s of summary) {
-      const speedup = direct && s.median.fcp ? `${(direct.median.fcp / s.median.fcp).toFixed(1)}× sooner` : '-';
+      const speedup = direct && s.median.fcp ? `${(direct.median.fcp / s.median.fcp).toFixed(1)}×` : '-';
       s.fcpSpeedup = direct && s.median.fcp ? direct.median.fcp / s.median.fcp : null;
       console.log(pad([s.scenario, ms(s.median.fcp), ms(s.median.lcp), ms(s.median.dcl), ms(s.median.load),
         s === direct ? '' : speedup], widths));
@@ -137,7 +138,7 @@ async function main() {
 
     const report = { title, conditions: { rttMs: opts.rtt, kbps: opts.kbps, renderMs: opts.render,
       prefetchLeadMs: opts.prefetchLeadMs, runs: opts.runs }, loadAverage: os.loadavg(),
-    chromium: execFileSync(require('./browser.js').CHROMIUM, ['--version'], { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] }).trim(),
+    chromium: execFileSync(CHROMIUM, ['--version'], { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] }).trim(),
     scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
     fs.writeFileSync(path.join(opts.out, 'report.json'), `${JSON.stringify(report, null, 2)}\n`);
     const htmlFile = path.join(opts.out, 'waterfall.html');

@@ -56,7 +56,7 @@ async function run(options) {
   let component = null;
   const records = [];
   const front = await startBrowserFront({ component: () => component, onRequest: (r) => records.push(r) });
-  const browser = await launchBrowser(front.proxy);
+  let browser = null;
   const bind = (tag, prefetchId = '', prefetchUrl = '') => {
     const web = host.createWebComponent(tag);
     if (scenario.velora) {
@@ -66,6 +66,7 @@ async function run(options) {
     return web;
   };
   try {
+    browser = await launchBrowser(front.proxy);
     // The browser's own start-up (first renderer) is not the page's time.
     const context = await browser.newContext();
     await (await context.newPage()).goto('about:blank');
@@ -109,8 +110,11 @@ async function run(options) {
     return { scenario: scenario.name, ...metrics, requests };
   } finally {
     if (component) component.destroy();
-    await browser.close();
-    await front.close();
+    try {
+      if (browser) await browser.close();
+    } finally {
+      await front.close();
+    }
   }
 }
 

@@ -9,6 +9,7 @@
 //                and a request on a new connection waits one more (the handshake)
 //   --kbps K     one downlink of K kbit/s shared by all responses, round robin
 //   --render MS  the server's render time for the article page
+//   --lifetime S stops by itself after S seconds (3600)
 // Routes: the article page (server-rendered, first-chunk headers; a request
 // with "x-s-first-chunk: true" gets the first chunk alone), /static/... from
 // the built site, /api/comments (30 ms of server time), and /__count?path=P.
@@ -19,13 +20,14 @@ const site = require('./news_site.js');
 
 const MIME = { '.css': 'text/css', '.js': 'text/javascript', '.png': 'image/png',
   '.json': 'application/json' };
-const SLICE = 8 * 1024;
 
 // The shared downlink: responses take turns sending one slice each, paced
 // to the bandwidth.
 class Link {
   constructor(kbps) {
     this.bytesPerMs = kbps / 8;
+    // Timers fire every millisecond at best: fast links send larger slices.
+    this.slice = Math.max(8 * 1024, Math.ceil(this.bytesPerMs * 2));
     this.queue = [];
     this.busy = false;
   }
@@ -47,7 +49,7 @@ class Link {
       setImmediate(() => this.pump());
       return;
     }
-    const slice = stream.buffer.subarray(stream.offset, stream.offset + SLICE);
+    const slice = stream.buffer.subarray(stream.offset, stream.offset + this.slice);
     stream.offset += slice.length;
     stream.res.write(slice);
     if (stream.offset < stream.buffer.length) this.queue.push(stream);
@@ -64,14 +66,26 @@ function main() {
   };
   const rtt = Number(arg('--rtt', 80));
   const render = Number(arg('--render', 400));
-  const link = new Link(Number(arg('--kbps', 10000)));
+  const kbps = Number(arg('--kbps', 10000));
+  if (!(kbps > 0)) throw new Error('--kbps must be a positive number');
+  const link = new Link(kbps);
   const staticDir = path.resolve(arg('--site', ''), 'static');
   const counts = new Map();
   const firstChunk = Buffer.from(site.firstChunk());
   const rest = Buffer.from(site.renderedRest());
 
   const server = http.createServer((req, res) => {
-    const url = new URL(req.url, 'http://origin');
+    let url;
+    let file;
+    try {
+      url = new URL(req.url, 'http://origin');
+      if (url.pathname.startsWith('/static/')) {
+        file = path.resolve(staticDir, `.${decodeURIComponent(url.pathname.slice('/static'.length))}`);
+      }
+    } catch {
+      res.writeHead(400, { 'Content-Type': 'text/plain' });
+      return res.end('bad request target');
+    }
     counts.set(url.pathname, (counts.get(url.pathname) || 0) + 1);
     // One RTT for the request and its answer, one more for a new connection.
     const socket = req.socket;
@@ -94,7 +108,6 @@ function main() {
       });
     }
     if (url.pathname.startsWith('/static/')) {
-      const file = path.resolve(staticDir, `.${decodeURIComponent(url.pathname.slice('/static'.length))}`);
       const inside = file.startsWith(staticDir + path.sep);
       return respond(0, () => {
         if (!inside || !fs.existsSync(file) || !fs.statSync(file).isFile()) {
@@ -121,7 +134,7 @@ function main() {
     process.stdout.write(`${JSON.stringify({ port: server.address().port })}\n`);
   });
   const stop = () => process.exit(0);
-  setTimeout(stop, Number(arg('--lifetime', 600)) * 1000).unref();
+  setTimeout(stop, Number(arg('--lifetime', 3600)) * 1000).unref();
   process.stdin.on('end', stop);
   process.stdin.on('close', stop);
   process.stdin.resume();

@@ -13,6 +13,8 @@
 //
 // Only loopback targets are forwarded; anything else (Chromium's own update
 // and sync hosts among them) is refused with 403, and CONNECT is refused too.
+// The engine cannot be paused, so a client that reads slower than the
+// origin sends has the difference buffered here.
 const http = require('node:http');
 const net = require('node:net');
 
@@ -21,13 +23,14 @@ const DROPPED_REQUEST_HEADERS = new Set(['connection', 'keep-alive', 'proxy-conn
   'proxy-authorization', 'te', 'trailer', 'transfer-encoding', 'upgrade', 'host',
   'content-length', 'expect']);
 const DROPPED_RESPONSE_HEADERS = new Set(['connection', 'keep-alive', 'proxy-connection',
-  'transfer-encoding', 'trailer', 'upgrade']);
+  'proxy-authenticate', 'transfer-encoding', 'trailer', 'upgrade']);
 const BODY_METHODS = new Set(['POST', 'PUT', 'PATCH', 'DELETE']);
 const MAX_UPLOAD_BYTES = 64 * 1024 * 1024;
 
+// Names other than "localhost" are not trusted to resolve to loopback.
 function isLoopbackHost(hostname) {
   const host = hostname.replace(/^\[|\]$/g, '').toLowerCase();
-  if (host === 'localhost' || host.endsWith('.localhost')) return true;
+  if (host === 'localhost') return true;
   if (net.isIPv4(host)) return host.split('.')[0] === '127';
   if (net.isIPv6(host)) return host === '::1' || host === '0:0:0:0:0:0:0:1';
   return false;
@@ -54,11 +57,19 @@ function targetOf(req) {
   return url;
 }
 
-function requestHeaders(rawHeaders) {
+// Fields named in Connection are per-connection too.
+function connectionFields(value) {
+  return new Set(String(value || '').split(',').map((name) => name.trim().toLowerCase()).filter(Boolean));
+}
+
+function requestHeaders(rawHeaders, connection) {
+  const perConnection = connectionFields(connection);
   const headers = [];
   for (let i = 0; i + 1 < rawHeaders.length; i += 2) {
-    const name = rawHeaders[i];
-    if (!DROPPED_REQUEST_HEADERS.has(name.toLowerCase())) headers.push([name, rawHeaders[i + 1]]);
+    const name = rawHeaders[i].toLowerCase();
+    if (!DROPPED_REQUEST_HEADERS.has(name) && !perConnection.has(name)) {
+      headers.push([rawHeaders[i], rawHeaders[i + 1]]);
+    }
   }
   return headers;
 }
@@ -66,9 +77,14 @@ function requestHeaders(rawHeaders) {
 // Engine headers as the flat list writeHead takes, without per-connection
 // fields; values with CR or LF never reach the wire.
 function responseHeaders(pairs) {
+  const connection = pairs.filter(([name]) => name.toLowerCase() === 'connection').map(([, v]) => v);
+  const perConnection = connectionFields(connection.join(','));
   const flat = [];
   for (const [name, value] of pairs) {
-    if (DROPPED_RESPONSE_HEADERS.has(name.toLowerCase()) || /[\r\n\0]/.test(name + value)) continue;
+    const lower = name.toLowerCase();
+    if (DROPPED_RESPONSE_HEADERS.has(lower) || perConnection.has(lower) || /[\r\n\0]/.test(name + value)) {
+      continue;
+    }
     flat.push(name, value);
   }
   return flat;
@@ -79,19 +95,23 @@ function refuse(res, status, message) {
   res.end(`${message}\n`);
 }
 
+class UploadTooLarge extends Error {}
+
 function readBody(req) {
   return new Promise((resolve, reject) => {
     const pieces = [];
     let size = 0;
-    req.on('data', (piece) => {
+    const onData = (piece) => {
       size += piece.length;
       if (size > MAX_UPLOAD_BYTES) {
-        req.destroy();
-        reject(new Error('upload too large'));
+        req.off('data', onData);
+        req.resume();  // the rest is read and dropped while the answer goes out
+        reject(new UploadTooLarge(`uploads are limited to ${MAX_UPLOAD_BYTES} bytes`));
         return;
       }
       pieces.push(piece);
-    });
+    };
+    req.on('data', onData);
     req.on('end', () => resolve(Buffer.concat(pieces, size)));
     req.on('error', reject);
   });
@@ -101,12 +121,6 @@ function readBody(req) {
 async function forward(req, res, target, options) {
   const web = options.component();
   if (!web) return refuse(res, 503, 'no web component to load into');
-  let body;
-  try {
-    body = await readBody(req);
-  } catch (error) {
-    return refuse(res, 413, error.message);
-  }
   const record = { url: target.href, method: req.method, mainFrame: isMainFrame(req.headers),
     status: 0, intercepted: false, error: null, bytes: 0, headers: [], aborted: false, timing: null };
   const abort = new AbortController();
@@ -118,10 +132,18 @@ async function forward(req, res, target, options) {
       abort.abort();
     }
   });
+  let body;
+  try {
+    body = await readBody(req);
+  } catch (error) {
+    if (error instanceof UploadTooLarge) return refuse(res, 413, error.message);
+    return res.destroy();
+  }
+  if (clientGone) return undefined;
   const load = {
     url: target.href,
     method: req.method,
-    headers: requestHeaders(req.rawHeaders),
+    headers: requestHeaders(req.rawHeaders, req.headers.connection),
     mainFrame: record.mainFrame,
     followRedirects: false,  // the browser follows them itself
     keepBody: false,
@@ -130,8 +152,15 @@ async function forward(req, res, target, options) {
       if (clientGone) return;
       record.status = status;
       record.headers = headers;
-      res.writeHead(status, responseHeaders(headers));
-      res.flushHeaders();
+      try {
+        res.writeHead(status, responseHeaders(headers));
+        res.flushHeaders();
+      } catch (error) {  // a status or header value HTTP cannot carry
+        record.error = `unsendable response: ${error.message}`;
+        clientGone = true;
+        abort.abort();
+        refuse(res, 502, record.error);
+      }
     },
     onData(chunk) {
       if (!clientGone) res.write(chunk);
@@ -145,7 +174,7 @@ async function forward(req, res, target, options) {
     result = { error: -2, status: 0, intercepted: false, bodySize: 0, timing: null, message: error.message };
   }
   record.intercepted = result.intercepted;
-  record.error = result.error;
+  record.error = record.error || result.error;
   record.bytes = result.bodySize;
   record.timing = result.timing;
   if (result.error === null) record.status = result.status;

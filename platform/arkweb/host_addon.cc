@@ -125,7 +125,26 @@ struct LoadContext {
   std::mutex mutex;
   std::vector<Batch> batches;  // guarded by mutex; the last one fills up
   bool dataQueued = false;     // guarded by mutex
+  // The AbortSignal and the listener on it, removed when the load ends.
+  napi_ref signal = nullptr;
+  napi_ref abortListener = nullptr;
 };
+
+// Calls signal.addEventListener or signal.removeEventListener ("abort").
+bool signalListener(napi_env env,
+                    napi_value signal,
+                    const char* method,
+                    napi_value listener,
+                    napi_value options) {
+  napi_value type, args[3];
+  napi_create_string_utf8(env, "abort", NAPI_AUTO_LENGTH, &type);
+  args[0] = type;
+  args[1] = listener;
+  args[2] = options;
+  napi_value function;
+  return napi_get_named_property(env, signal, method, &function) == napi_ok &&
+         napi_call_function(env, signal, function, options ? 3 : 2, args, nullptr) == napi_ok;
+}
 
 // Body batches are recycled: a batch script has let go of (collected) comes
 // back here, so a long download does not map fresh memory for every batch.
@@ -178,7 +197,7 @@ napi_value externalBuffer(napi_env env, std::string&& bytes, bool recycle = fals
     std::unique_ptr<std::string> batch(static_cast<std::string*>(hint));
     BatchPool::get().give(std::move(*batch));
   };
-  napi_value buffer;
+  napi_value buffer = nullptr;
   if (napi_create_external_buffer(env, owned->size(), owned->data(),
                                   recycle ? recycleBatch : release, owned, &buffer) != napi_ok) {
     // Runtimes that refuse external buffers get a copy.
@@ -253,11 +272,17 @@ napi_value resultObject(napi_env env, LoadResult& result) {
   return object;
 }
 
+// A callback that throws is the script's uncaught exception, as it would be
+// from any other event; the load's later events still come.
 void callScript(napi_env env, napi_ref function, size_t argc, napi_value* argv) {
   napi_value callback, undefined;
   napi_get_reference_value(env, function, &callback);
   napi_get_undefined(env, &undefined);
-  napi_call_function(env, undefined, callback, argc, argv, nullptr);
+  if (napi_call_function(env, undefined, callback, argc, argv, nullptr) == napi_pending_exception) {
+    napi_value error;
+    napi_get_and_clear_last_exception(env, &error);
+    napi_fatal_exception(env, error);
+  }
 }
 
 void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* eventData) {
@@ -289,7 +314,14 @@ void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* even
       break;
   }
   napi_resolve_deferred(env, context->deferred, resultObject(env, event->result));
-  for (napi_ref* ref : {&context->onData, &context->onResponse}) {
+  if (context->signal && context->abortListener) {
+    napi_value signal, listener;
+    napi_get_reference_value(env, context->signal, &signal);
+    napi_get_reference_value(env, context->abortListener, &listener);
+    signalListener(env, signal, "removeEventListener", listener, nullptr);
+  }
+  for (napi_ref* ref :
+       {&context->onData, &context->onResponse, &context->signal, &context->abortListener}) {
     if (*ref)
       napi_delete_reference(env, *ref);
     *ref = nullptr;
@@ -367,34 +399,32 @@ bool isAbortSignal(napi_env env, napi_value signal) {
          typeOf(env, property(env, signal, "addEventListener")) == napi_function;
 }
 
-// Cancels the load when `signal` aborts (at once when it already has).
-void cancelOnAbort(napi_env env, napi_value signal, std::shared_ptr<LoadHandle> handle) {
-  bool aborted = false;
-  napi_get_value_bool(env, property(env, signal, "aborted"), &aborted);
-  if (aborted) {
-    handle->cancel();
-    return;
-  }
+// Cancels the load when `signal` aborts (one already aborted is handled
+// before the load starts). False when the listener could not be added.
+bool cancelOnAbort(napi_env env,
+                   napi_value signal,
+                   std::shared_ptr<LoadHandle> handle,
+                   LoadContext* context) {
   auto* holder = new std::shared_ptr<LoadHandle>(std::move(handle));
   napi_value listener;
   if (napi_create_function(env, "abort", NAPI_AUTO_LENGTH, AbortLoad, holder, &listener) !=
       napi_ok) {
     delete holder;
-    return;
+    return false;
   }
   if (napi_add_finalizer(env, listener, holder, finalizeLoadHandle, nullptr, nullptr) != napi_ok) {
     delete holder;  // the listener is never handed out, so nothing can call it
-    return;
+    return false;
   }
-  napi_value type, once, onceFlag, args[3];
-  napi_create_string_utf8(env, "abort", NAPI_AUTO_LENGTH, &type);
+  napi_value once, onceFlag;
   napi_create_object(env, &once);
   napi_get_boolean(env, true, &onceFlag);
   napi_set_named_property(env, once, "once", onceFlag);
-  args[0] = type;
-  args[1] = listener;
-  args[2] = once;
-  napi_call_function(env, signal, property(env, signal, "addEventListener"), 3, args, nullptr);
+  if (!signalListener(env, signal, "addEventListener", listener, once))
+    return false;
+  napi_create_reference(env, signal, 1, &context->signal);
+  napi_create_reference(env, listener, 1, &context->abortListener);
+  return true;
 }
 
 napi_value Load(napi_env env, napi_callback_info info) {
@@ -507,8 +537,9 @@ napi_value Load(napi_env env, napi_callback_info info) {
         event->result = std::move(result);
         napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
       });
-  if (hasSignal)
-    cancelOnAbort(env, signal, std::move(handle));
+  // A load that cannot be stopped as asked is not left running.
+  if (hasSignal && !cancelOnAbort(env, signal, handle, context))
+    handle->cancel();
   return promise;
 }
 

@@ -41,7 +41,10 @@ test('the demo page paints through Velora from prefetch, first chunk and package
 test('the same page loads directly, every request left to the engine', { skip: missing || false }, async () => {
   const run = await runScenario(scenario('direct'), setup);
   assert.equal(checkPage(run), null, run.failed);
-  assert.equal(run.requests.length, 10);
+  const paths = run.requests.map((r) => r.path);
+  for (const file of ['/news/harbor-lights', '/static/site.css', '/static/img/hero.png', '/api/comments']) {
+    assert.ok(paths.includes(file), file);
+  }
   assert.ok(run.requests.every((r) => r.source === 'engine'), JSON.stringify(run.requests.map((r) => r.source)));
   assert.equal(await setup.count('/static/site.css'), 1);
 });

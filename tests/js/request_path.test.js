@@ -3,7 +3,9 @@
 // (arkweb_host.node) and the module (velora.node) in one process.
 const { test } = require('node:test');
 const assert = require('node:assert/strict');
-const { inProcessSuite } = require('./helpers');
+const { spawnSync } = require('node:child_process');
+const path = require('node:path');
+const { inProcessSuite, BUILD } = require('./helpers');
 
 const suite = inProcessSuite('velora-path-');
 const { host, velora, events } = suite;
@@ -139,4 +141,40 @@ test('the driver streams: the response first, then body pieces batched while the
   const largest = Math.max(...pieces.map((piece) => piece.length));
   assert.ok(largest > 4 * 16384, `largest piece ${largest} bytes`);
   page.destroy();
+});
+
+test('a load of the driver is cancelled by its signal, before or during the load', async () => {
+  const web = host.createWebComponent('signalled');
+  const early = new AbortController();
+  early.abort();
+  const stopped = await web.load({ url: suite.origin.url('/bytes/11'), signal: early.signal });
+  assert.notEqual(stopped.error, null);
+  assert.equal(await suite.origin.count('/bytes/11'), 0, 'an aborted load went out');
+  const late = new AbortController();
+  setTimeout(() => late.abort(), 100);
+  const res = await web.load({ url: suite.origin.url('/delay?ms=2000'), signal: late.signal });
+  assert.notEqual(res.error, null);
+  assert.ok(res.timing.finish - res.timing.start < 1500);
+  assert.throws(() => web.load({ url: suite.origin.url('/bytes/10'), signal: {} }), TypeError);
+  web.destroy();
+});
+
+test('a callback that throws is the script\'s uncaught exception; the load still ends', () => {
+  const script = `
+    const http = require('node:http');
+    const host = require(${JSON.stringify(path.join(BUILD, 'arkweb_host.node'))});
+    process.on('uncaughtException', (error) => console.log('uncaught', error.message));
+    const server = http.createServer((q, r) => r.end('hello')).listen(0, '127.0.0.1', async () => {
+      const web = host.createWebComponent('thrower');
+      const res = await web.load({ url: 'http://127.0.0.1:' + server.address().port + '/',
+        onResponse() { throw new Error('from onResponse'); },
+        onData() { throw new Error('from onData'); } });
+      console.log('done', res.error, res.status, res.body.toString());
+      web.destroy();
+      server.close();
+    });`;
+  const run = spawnSync(process.execPath, ['-e', script], { encoding: 'utf8', timeout: 30000 });
+  assert.match(run.stdout, /uncaught from onResponse/, run.stderr);
+  assert.match(run.stdout, /uncaught from onData/, run.stderr);
+  assert.match(run.stdout, /done null 200 hello/, run.stderr);
 });
