@@ -261,6 +261,7 @@ class SessionCore {
   };
 
   void post(Command command) {
+    bool wake = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopping_) {
@@ -271,9 +272,13 @@ class SessionCore {
         }
         return;
       }
+      // One wake-up per batch: commands queued behind another are taken
+      // by the loop together with it.
+      wake = commands_.empty();
       commands_.push_back(command);
     }
-    curl_multi_wakeup(multi_);
+    if (wake)
+      curl_multi_wakeup(multi_);
   }
 
   void loop() {
