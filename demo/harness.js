@@ -7,8 +7,7 @@ const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { buildSite, PAGE_PATH } = require('./news_site.js');
-
-const ROOT = path.resolve(__dirname, '..');
+const { startServer } = require('../tests/js/origin.js');
 
 const SCENARIOS = [
   { name: 'direct' },
@@ -20,17 +19,8 @@ const SCENARIOS = [
 ];
 
 function startSite(siteDir, opts) {
-  const child = spawn(process.execPath, [path.join(__dirname, 'site_server.js'), '--site', siteDir,
-    '--rtt', String(opts.rtt), '--kbps', String(opts.kbps), '--render', String(opts.render)],
-  { stdio: ['pipe', 'pipe', 'inherit'] });
-  return new Promise((resolve, reject) => {
-    let text = '';
-    child.stdout.on('data', (piece) => {
-      text += piece;
-      if (text.includes('\n')) resolve({ port: JSON.parse(text.split('\n')[0]).port, stop: () => child.stdin.end() });
-    });
-    child.once('exit', (code) => reject(new Error(`the demo site exited with ${code}`)));
-  });
+  return startServer(path.join(__dirname, 'site_server.js'), ['--site', siteDir, '--rtt', String(opts.rtt),
+    '--kbps', String(opts.kbps), '--render', String(opts.render)]);
 }
 
 // Runs one scenario in a child process; its result, or { failed } with why.

@@ -399,8 +399,8 @@ bool isAbortSignal(napi_env env, napi_value signal) {
          typeOf(env, property(env, signal, "addEventListener")) == napi_function;
 }
 
-// Cancels the load when `signal` aborts (one already aborted is handled
-// before the load starts). False when the listener could not be added.
+// Cancels the load when `signal` aborts. False when the listener could not
+// be added.
 bool cancelOnAbort(napi_env env,
                    napi_value signal,
                    std::shared_ptr<LoadHandle> handle,
@@ -475,16 +475,17 @@ napi_value Load(napi_env env, napi_callback_info info) {
     napi_get_value_double(env, value, &ms);
     load.cancelAfterMs = static_cast<long>(ms);
   }
+  // A signal that has already aborted stops the load before it starts; a
+  // live one gets a listener once the load is under way.
   napi_value signal = property(env, options, "signal");
   bool hasSignal = typeOf(env, signal) != napi_undefined && typeOf(env, signal) != napi_null;
   if (hasSignal && !isAbortSignal(env, signal))
     return throwType(env, "load: signal must be an AbortSignal");
-  if (hasSignal) {
-    bool aborted = false;
+  bool aborted = false;
+  if (hasSignal)
     napi_get_value_bool(env, property(env, signal, "aborted"), &aborted);
-    if (aborted)
-      load.cancelAfterMs = 0;  // stopped before it starts
-  }
+  if (aborted)
+    load.cancelAfterMs = 0;
 
   auto* context = new LoadContext();
   napi_value promise;
@@ -538,7 +539,7 @@ napi_value Load(napi_env env, napi_callback_info info) {
         napi_call_threadsafe_function(events, event, napi_tsfn_blocking);
       });
   // A load that cannot be stopped as asked is not left running.
-  if (hasSignal && !cancelOnAbort(env, signal, handle, context))
+  if (hasSignal && !aborted && !cancelOnAbort(env, signal, handle, context))
     handle->cancel();
   return promise;
 }

@@ -163,6 +163,10 @@ class NetworkListener : public flume::IFLHttpSessionListener {
   std::shared_ptr<PageLoad> load_;
 };
 
+// Cancels `weak` (if it still lives) on the engine's IO thread, where every
+// cancel runs, after `delayMs`.
+void cancelOnIo(std::weak_ptr<PageLoad> weak, long delayMs = 0);
+
 // Cancels whichever hop of a load is current: a followed redirect is a new
 // PageLoad under the same handle.
 class LoadCanceller : public LoadHandle {
@@ -174,7 +178,7 @@ class LoadCanceller : public LoadHandle {
       requested_ = true;
       current = current_;
     }
-    postCancel(current);
+    cancelOnIo(current);
   }
 
   void track(const std::shared_ptr<PageLoad>& load) {
@@ -185,12 +189,10 @@ class LoadCanceller : public LoadHandle {
       requested = requested_;
     }
     if (requested)
-      postCancel(load);
+      cancelOnIo(load);
   }
 
  private:
-  static void postCancel(std::weak_ptr<PageLoad> weak);
-
   std::mutex mutex_;
   std::weak_ptr<PageLoad> current_;  // guarded by mutex_
   bool requested_ = false;           // guarded by mutex_
@@ -225,13 +227,7 @@ class PageLoad : public Load {
     if (options_.cancelAfterMs == 0) {
       canceller_->cancel();  // queued before the start: the load never goes out
     } else if (options_.cancelAfterMs > 0) {
-      std::weak_ptr<PageLoad> weak = self;
-      ioThread().postDelayed(
-          [weak] {
-            if (auto load = weak.lock())
-              load->cancel();
-          },
-          options_.cancelAfterMs);
+      cancelOnIo(self, options_.cancelAfterMs);
     }
     ioThread().post([self] { self->startOnIo(); });
   }
@@ -438,12 +434,13 @@ void NetworkListener::onFLHttpFinish(const flume::FLHttpRequest&) {
   delete this;
 }
 
-// Cancels run on the engine's IO thread, like every other cancel.
-void LoadCanceller::postCancel(std::weak_ptr<PageLoad> weak) {
-  ioThread().post([weak] {
-    if (auto load = weak.lock())
-      load->cancel();
-  });
+void cancelOnIo(std::weak_ptr<PageLoad> weak, long delayMs) {
+  ioThread().postDelayed(
+      [weak] {
+        if (auto load = weak.lock())
+          load->cancel();
+      },
+      delayMs);
 }
 
 class WebComponentImpl : public WebComponent {
@@ -477,14 +474,9 @@ class WebComponentImpl : public WebComponent {
       loads.swap(reg.loads[tag_]);
       reg.loads.erase(tag_);
     }
-    // A component that goes away stops what it was loading, on the engine's
-    // IO thread like every other cancel.
-    for (const auto& weak : loads) {
-      ioThread().post([weak] {
-        if (auto load = weak.lock())
-          load->cancel();
-      });
-    }
+    // A component that goes away stops what it was loading.
+    for (const auto& weak : loads)
+      cancelOnIo(weak);
   }
 
  private:

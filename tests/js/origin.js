@@ -1,33 +1,39 @@
 'use strict';
-// Starts tests/origin/server.js as a child and hands back its address.
+// Starts a server script as a child process and hands back its address. The
+// script prints {"port": N} as its first stdout line and stops when its
+// stdin closes.
 const { spawn } = require('node:child_process');
 const path = require('node:path');
 
-async function startOrigin() {
-  const child = spawn(process.execPath, [path.join(__dirname, '..', 'origin', 'server.js')], {
-    stdio: ['pipe', 'pipe', 'inherit'],
-  });
-  const port = await new Promise((resolve, reject) => {
+function startServer(script, args = []) {
+  const child = spawn(process.execPath, [script, ...args], { stdio: ['pipe', 'pipe', 'inherit'] });
+  return new Promise((resolve, reject) => {
     let text = '';
     child.stdout.on('data', (piece) => {
       text += piece;
       const newline = text.indexOf('\n');
-      if (newline >= 0) resolve(JSON.parse(text.slice(0, newline)).port);
+      if (newline >= 0) {
+        resolve({ port: JSON.parse(text.slice(0, newline)).port, stop: () => child.stdin.end() });
+      }
     });
-    child.once('exit', (code) => reject(new Error(`origin exited with ${code}`)));
+    child.once('exit', (code) => reject(new Error(`${path.basename(script)} exited with ${code}`)));
   });
-  const url = (p) => `http://127.0.0.1:${port}${p}`;
+}
+
+// The local origin every test and the host-engine demo talk to
+// (tests/origin/server.js).
+async function startOrigin() {
+  const server = await startServer(path.join(__dirname, '..', 'origin', 'server.js'));
+  const url = (p) => `http://127.0.0.1:${server.port}${p}`;
   return {
-    port,
+    port: server.port,
     url,
     async count(p) {
       const res = await fetch(url(`/__count?path=${encodeURIComponent(p)}`));
       return (await res.json()).count;
     },
-    stop() {
-      child.stdin.end();
-    },
+    stop: server.stop,
   };
 }
 
-module.exports = { startOrigin };
+module.exports = { startOrigin, startServer };
