@@ -209,6 +209,9 @@ function startBrowserFront(options) {
   });
   server.on('connect', (req, socket) => {
     if (options.onRefused) options.onRefused(req.url);
+    // The server no longer watches a socket it handed over: a browser that
+    // resets it must not take the process down.
+    socket.on('error', () => socket.destroy());
     socket.end('HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n');
   });
   server.on('clientError', (error, socket) => socket.destroy());
