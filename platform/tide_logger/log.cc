@@ -40,14 +40,15 @@ std::string serialise(const nlohmann::ordered_json& entry) {
 }  // namespace
 
 // An entry no output takes costs the check and nothing else.
-LogBuilder::LogBuilder(int level, std::string tag) : level_(level), wanted_(anyOutputTakes(level)) {
+LogBuilder::LogBuilder(int level, std::string_view tag)
+    : level_(level), wanted_(anyOutputTakes(level)) {
   if (wanted_) {
-    tag_ = std::move(tag);
+    tag_ = tag;
     ts_ = tern::currentTimeMillis();
   }
 }
 
-LogBuilder& LogBuilder::event(const std::string& name, const std::string& id) {
+LogBuilder& LogBuilder::event(std::string_view name, std::string_view id) {
   if (wanted_) {
     event_ = name;
     id_ = id;
@@ -55,7 +56,7 @@ LogBuilder& LogBuilder::event(const std::string& name, const std::string& id) {
   return *this;
 }
 
-LogBuilder& LogBuilder::parentId(const std::string& id) {
+LogBuilder& LogBuilder::parentId(std::string_view id) {
   if (wanted_) {
     parentId_ = id;
     hasParent_ = true;
@@ -68,7 +69,7 @@ LogBuilder& LogBuilder::timestamp(int64_t ms) {
   return *this;
 }
 
-LogBuilder& LogBuilder::error(const std::string& message) {
+LogBuilder& LogBuilder::error(std::string_view message) {
   if (wanted_) {
     error_ = message;
     hasError_ = true;
@@ -76,7 +77,7 @@ LogBuilder& LogBuilder::error(const std::string& message) {
   return *this;
 }
 
-LogBuilder& LogBuilder::key(const std::string& name) {
+LogBuilder& LogBuilder::key(std::string_view name) {
   if (wanted_)
     pendingKey_ = name;
   return *this;
@@ -95,7 +96,7 @@ void LogBuilder::done() {
   entry["id"] = id_;
   if (hasParent_)
     entry["parentId"] = parentId_;
-  entry["fields"] = std::move(fields_);
+  entry["fields"] = fields_.is_null() ? nlohmann::ordered_json::object() : std::move(fields_);
   if (hasError_)
     entry["error"] = error_;
 

@@ -81,7 +81,7 @@ WebRequest::~WebRequest() {
   tide::Log::build(tide::kInfo, kRequestTag)
       .event("~WebRequest", tag_)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .done();
   // The upload stream goes first: a read callback running on the engine's
   // worker thread still uses the fields released below.
@@ -101,7 +101,7 @@ void WebRequest::CoreStart() {
   tide::Log::build(tide::kInfo, kRequestTag)
       .event("requestStart", tag_)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .done();
   if (!url_) {
     tide::Log::build(tide::kInfo, kRequestTag)
@@ -153,7 +153,7 @@ void WebRequest::logPrefetchHit() {
   entry.event("request", tag_)
       .parentId(webInfo_->webTag)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .key("isHTML")
       .value(isMainFrame_)
       .key("prefetchHit")
@@ -224,9 +224,9 @@ void WebRequest::sendNetRequest() {
   if (!type.empty())
     entry.key("type").value(type);
   entry.key("url")
-      .value(textOf(url_))
+      .value(url_)
       .key("method")
-      .value(textOf(method_))
+      .value(method_)
       .key("isHTML")
       .value(isMainFrame_)
       .key("header")
@@ -291,7 +291,7 @@ void WebRequest::onResponse(int statusCode, const HeaderMultimap& headers) {
 
   auto entry = tide::Log::build(tide::kInfo, kNetworkTag);
   entry.event("response", tag_).parentId(webInfo_->webTag);
-  entry.key("statusCode").value(statusCode).key("url").value(textOf(url_));
+  entry.key("statusCode").value(statusCode).key("url").value(url_);
   if (!headers.empty())
     entry.key("header").value(entry.wanted() ? headersForLog(headers) : nlohmann::json());
   entry.done();
@@ -309,7 +309,7 @@ void WebRequest::onFinish() {
       .event("finished", tag_)
       .parentId(webInfo_->webTag)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .key("dataSize")
       .value(receivedBytes_)
       .done();
@@ -332,7 +332,7 @@ void WebRequest::onError(int code, ArkWeb_NetError /*error*/, const std::string&
       .key("statusCode")
       .value(code)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .error(message)
       .done();
   netStop();
@@ -356,7 +356,7 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
   tide::Log::build(tide::kInfo, kRequestTag)
       .event("bodyReadCallback", self->tag_)
       .key("url")
-      .value(textOf(self->url_))
+      .value(self->url_)
       .key("chunked")
       .value(chunked)
       .key("size")
@@ -399,7 +399,7 @@ void WebRequest::logBodyRead(const char* event, int bytesRead, bool eof) const {
   tide::Log::build(tide::kInfo, kRequestTag)
       .event(event, tag_)
       .key("url")
-      .value(textOf(url_))
+      .value(url_)
       .key("read")
       .value(bytesRead)
       .key("isEof")

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tide {
@@ -27,20 +28,20 @@ enum Level : int {
 
 class LogBuilder {
  public:
-  LogBuilder(int level, std::string tag);
+  LogBuilder(int level, std::string_view tag);
   LogBuilder(LogBuilder&&) = default;
   LogBuilder(const LogBuilder&) = delete;
   LogBuilder& operator=(const LogBuilder&) = delete;
 
   // Names the entry and the object it is about.
-  LogBuilder& event(const std::string& name, const std::string& id = std::string());
-  LogBuilder& parentId(const std::string& id);
+  LogBuilder& event(std::string_view name, std::string_view id = {});
+  LogBuilder& parentId(std::string_view id);
   // Overrides the entry's time (ms since the epoch); default: when built.
   LogBuilder& timestamp(int64_t ms);
-  LogBuilder& error(const std::string& message);
+  LogBuilder& error(std::string_view message);
 
   // Members: key(name) then one value(...).
-  LogBuilder& key(const std::string& name);
+  LogBuilder& key(std::string_view name);
   LogBuilder& value(const std::string& v) { return put(v); }
   LogBuilder& value(const char* v) { return put(v ? v : ""); }
   LogBuilder& value(bool v) { return put(v); }
@@ -82,12 +83,12 @@ class LogBuilder {
   // False when no output would take this entry: it is then not assembled.
   bool wanted_;
   std::string pendingKey_;
-  nlohmann::ordered_json fields_ = nlohmann::ordered_json::object();
+  nlohmann::ordered_json fields_;  // null (nothing allocated) until a member is put
 };
 
 class Log {
  public:
-  static LogBuilder build(int level, const std::string& tag) { return LogBuilder(level, tag); }
+  static LogBuilder build(int level, std::string_view tag) { return LogBuilder(level, tag); }
 };
 
 }  // namespace tide
