@@ -20,44 +20,75 @@ TaskRunner::~TaskRunner() {
   thread_.join();
 }
 
-void TaskRunner::postDelayed(std::function<void()> task, long delayMs) {
+void TaskRunner::post(std::function<void()> task) {
+  bool wake = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    tasks_.emplace(Clock::now() + std::chrono::milliseconds(delayMs > 0 ? delayMs : 0),
-                   std::move(task));
+    ready_.push_back(std::move(task));
+    wake = sleeping_;
   }
-  wake_.notify_all();
+  if (wake)
+    wake_.notify_one();
+}
+
+void TaskRunner::postDelayed(std::function<void()> task, long delayMs) {
+  if (delayMs <= 0) {
+    post(std::move(task));
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    delayed_.emplace(Clock::now() + std::chrono::milliseconds(delayMs), std::move(task));
+  }
+  wake_.notify_one();  // the sleep may have to end sooner
 }
 
 void TaskRunner::waitIdle() {
   std::unique_lock<std::mutex> lock(mutex_);
   idle_.wait(lock, [this] {
-    return !running_ && (tasks_.empty() || tasks_.begin()->first > Clock::now());
+    return !running_ && ready_.empty() &&
+           (delayed_.empty() || delayed_.begin()->first > Clock::now());
   });
 }
 
+void TaskRunner::takeDueLocked() {
+  if (delayed_.empty())
+    return;
+  const Clock::time_point now = Clock::now();
+  while (!delayed_.empty() && delayed_.begin()->first <= now) {
+    ready_.push_back(std::move(delayed_.begin()->second));
+    delayed_.erase(delayed_.begin());
+  }
+}
+
 void TaskRunner::loop() {
+  std::vector<std::function<void()>> batch;
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    if (tasks_.empty() || tasks_.begin()->first > Clock::now()) {
+    takeDueLocked();
+    if (ready_.empty()) {
+      running_ = false;
       idle_.notify_all();
       if (stopping_)
         return;
-      if (tasks_.empty()) {
+      sleeping_ = true;
+      if (delayed_.empty()) {
         wake_.wait(lock);
       } else {
-        wake_.wait_until(lock, tasks_.begin()->first);
+        wake_.wait_until(lock, delayed_.begin()->first);
       }
+      sleeping_ = false;
       continue;
     }
-    auto task = std::move(tasks_.begin()->second);
-    tasks_.erase(tasks_.begin());
+    batch.swap(ready_);
     running_ = true;
     lock.unlock();
-    task();
-    task = nullptr;
+    for (auto& task : batch) {
+      task();
+      task = nullptr;  // what it holds goes before the next task runs
+    }
+    batch.clear();
     lock.lock();
-    running_ = false;
   }
 }
 

@@ -2,11 +2,15 @@
 // ownership, and the misuse a device tolerates.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <thread>
 
+#include "arkweb/task_runner.h"
 #include "arkweb_host/web_component.h"
 #include "origin_server.h"
 #include "test_support.h"
@@ -260,4 +264,49 @@ TEST(ArkWebEngine, ComponentApiRecordAndDestroyNotice) {
   web->destroy();
   EXPECT_EQ(destroyed, "engine6");
   EXPECT_FALSE(OH_ArkWeb_SetSchemeHandler("http", "engine6", nullptr));
+}
+
+// The engine's IO thread: posting order holds across batches and from inside
+// a task, delayed tasks wait their turn, and stopping drops what is not due.
+TEST(ArkWebTaskRunner, RunsTasksInPostingOrderAndDelayedOnesWhenDue) {
+  std::mutex mutex;
+  std::vector<std::string> ran;
+  auto record = [&](std::string what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ran.push_back(std::move(what));
+  };
+  {
+    arkweb_host::TaskRunner runner("test-runner");
+    const auto posted = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point delayedAt;
+    runner.postDelayed(
+        [&] {
+          delayedAt = std::chrono::steady_clock::now();
+          record("delayed");
+        },
+        40);
+    runner.postDelayed([&] { record("never"); }, 60'000);
+    for (int i = 0; i < 200; ++i) {
+      runner.post([&, i] {
+        record(std::to_string(i));
+        if (i == 0)
+          runner.post([&] { record("nested"); });  // behind everything posted so far
+      });
+    }
+    runner.waitIdle();  // delayed tasks do not count
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      ASSERT_EQ(ran.size(), 201u);
+      for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(ran[i], std::to_string(i));
+      EXPECT_EQ(ran[200], "nested");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    runner.waitIdle();
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(ran.size(), 202u);
+    EXPECT_EQ(ran.back(), "delayed");
+    EXPECT_GE(delayedAt - posted, std::chrono::milliseconds(40));
+  }  // stopping: the task a minute away is dropped, not awaited
+  EXPECT_EQ(std::count(ran.begin(), ran.end(), "never"), 0);
 }
