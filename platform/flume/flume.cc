@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 
@@ -20,6 +22,8 @@ namespace {
 
 constexpr char kTag[] = "flume";
 constexpr long kBufferSize = 256 * 1024;
+// Room made for a response's fields at its first one.
+constexpr size_t kUsualFieldCount = 16;
 // Connections to one host at once, as browsers keep them; later requests to
 // that host wait for one to free up.
 constexpr long kMaxHostConnections = 6;
@@ -60,14 +64,14 @@ std::string lowered(const std::string& text) {
   return lower;
 }
 
-bool sameName(const std::string& a, const std::string& b) {
+bool sameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-std::string trim(const std::string& text) {
+std::string_view trim(std::string_view text) {
   size_t start = text.find_first_not_of(" \t\r\n");
-  if (start == std::string::npos)
-    return std::string();
+  if (start == std::string_view::npos)
+    return {};
   size_t end = text.find_last_not_of(" \t\r\n");
   return text.substr(start, end - start + 1);
 }
@@ -216,16 +220,11 @@ class SessionCore {
   }
 
   void send(const std::shared_ptr<FLHttpRequest>& request, IFLHttpSessionListener* listener) {
-    auto* transfer = new Transfer();
-    transfer->id = nextId_.fetch_add(1);
-    transfer->core = this;
-    transfer->request = request;
-    transfer->listener = listener;
-    post({Command::kAdd, transfer, 0, nullptr});
+    post({Command::kAdd, request, listener, 0, nullptr});
   }
 
   void cancel(const std::shared_ptr<FLHttpRequest>& request) {
-    post({Command::kCancel, nullptr, 0, request.get()});
+    post({Command::kCancel, nullptr, nullptr, 0, request.get()});
   }
 
   void setDefaultTimeouts(long connectMs, long idleMs) {
@@ -235,12 +234,12 @@ class SessionCore {
 
  private:
   struct Transfer {
+    // The view handed to the listener for each body piece, reused.
+    std::shared_ptr<FLData> piece = std::make_shared<FLData>(nullptr, 0);
     uint64_t id = 0;
     SessionCore* core = nullptr;
     std::shared_ptr<FLHttpRequest> request;
     IFLHttpSessionListener* listener = nullptr;
-    // The view handed to the listener for each body piece, reused.
-    std::shared_ptr<FLData> piece = std::make_shared<FLData>(nullptr, 0);
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     // The response being read: status line and fields of the current block.
@@ -251,13 +250,30 @@ class SessionCore {
     bool responseDelivered = false;
     bool sentDelivered = false;
     char error[CURL_ERROR_SIZE] = {0};
+
+    // Back to a fresh transfer for reuse; core and piece stay.
+    void reset() {
+      id = 0;
+      request.reset();
+      listener = nullptr;
+      easy = nullptr;
+      headers = nullptr;
+      status = 0;
+      statusText.clear();
+      version.clear();
+      fields.clear();
+      responseDelivered = false;
+      sentDelivered = false;
+      error[0] = '\0';
+    }
   };
 
   struct Command {
     enum Kind { kAdd, kUnpause, kCancel } kind;
-    Transfer* transfer;
-    uint64_t id;
-    const FLHttpRequest* request;
+    std::shared_ptr<FLHttpRequest> request;  // kAdd
+    IFLHttpSessionListener* listener;        // kAdd
+    uint64_t id;                             // kUnpause
+    const FLHttpRequest* target;             // kCancel
   };
 
   void post(Command command) {
@@ -267,15 +283,14 @@ class SessionCore {
       if (stopping_) {
         if (command.kind == Command::kAdd) {
           OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "request to %{public}s dropped: shutting down",
-                       command.transfer->request->getURLString().c_str());
-          delete command.transfer;
+                       command.request->getURLString().c_str());
         }
         return;
       }
       // One wake-up per batch: commands queued behind another are taken
       // by the loop together with it.
       wake = commands_.empty();
-      commands_.push_back(command);
+      commands_.push_back(std::move(command));
     }
     if (wake)
       curl_multi_wakeup(multi_);
@@ -290,7 +305,7 @@ class SessionCore {
           return;
         commands.swap(commands_);
       }
-      for (const Command& command : commands)
+      for (Command& command : commands)
         run(command);
       int running = 0;
       curl_multi_perform(multi_, &running);
@@ -306,11 +321,16 @@ class SessionCore {
     }
   }
 
-  void run(const Command& command) {
+  void run(Command& command) {
     switch (command.kind) {
-      case Command::kAdd:
-        start(command.transfer);
+      case Command::kAdd: {
+        Transfer* transfer = takeTransfer();
+        transfer->id = nextId_++;
+        transfer->request = std::move(command.request);
+        transfer->listener = command.listener;
+        start(transfer);
         break;
+      }
       case Command::kUnpause: {
         auto it = live_.find(command.id);
         if (it != live_.end())
@@ -319,7 +339,7 @@ class SessionCore {
       }
       case Command::kCancel:
         for (auto& [id, transfer] : live_) {
-          if (transfer->request.get() == command.request) {
+          if (transfer->request.get() == command.target) {
             std::strncpy(transfer->error, "cancelled by the caller", CURL_ERROR_SIZE - 1);
             curl_multi_remove_handle(multi_, transfer->easy);
             complete(transfer, CURLE_ABORTED_BY_CALLBACK, /*removed=*/true);
@@ -423,24 +443,32 @@ class SessionCore {
     curl_multi_add_handle(multi_, easy);
   }
 
+  // Reads one header line in place: only the kept fields are copied out.
   static size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
-    std::string line(data, size * count);
+    const std::string_view line(data, size * count);
     if (line.compare(0, 5, "HTTP/") == 0) {
       // A new status line: 1xx and earlier blocks are replaced.
       transfer->fields.clear();
       size_t space = line.find(' ');
-      transfer->version = line.substr(5, space == std::string::npos ? 0 : space - 5);
-      transfer->status = space == std::string::npos ? 0 : std::atoi(line.c_str() + space + 1);
-      size_t reason = line.find(' ', space + 1);
-      transfer->statusText =
-          reason == std::string::npos ? std::string() : trim(line.substr(reason));
+      transfer->version = line.substr(5, space == std::string_view::npos ? 0 : space - 5);
+      transfer->status = 0;
+      transfer->statusText.clear();
+      if (space != std::string_view::npos) {
+        std::string_view rest = trim(line.substr(space + 1));
+        std::from_chars(rest.data(), rest.data() + rest.size(), transfer->status);
+        size_t reason = rest.find(' ');
+        if (reason != std::string_view::npos)
+          transfer->statusText = trim(rest.substr(reason));
+      }
     } else if (trim(line).empty()) {
       if (transfer->status >= 200)
         transfer->core->deliverResponse(transfer);
     } else {
       size_t colon = line.find(':');
-      if (colon != std::string::npos) {
+      if (colon != std::string_view::npos) {
+        if (transfer->fields.capacity() == 0)
+          transfer->fields.reserve(kUsualFieldCount);
         transfer->fields.emplace_back(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
       }
     }
@@ -466,7 +494,7 @@ class SessionCore {
     uint64_t id = transfer->id;
     bool ended = false;
     size_t n = transfer->request->getBodyStream()->read(buffer, size * count, &ended, [core, id] {
-      core->post({Command::kUnpause, nullptr, id, nullptr});
+      core->post({Command::kUnpause, nullptr, nullptr, id, nullptr});
     });
     if (n > 0 || ended)
       return n;
@@ -498,13 +526,17 @@ class SessionCore {
       if (sameName(name, "Content-Encoding") && isDecodedEncoding(value))
         decoded = true;
     }
-    // The block's fields are not needed again: moved, not copied.
-    for (auto& [name, value] : transfer->fields) {
-      if (decoded && (sameName(name, "Content-Encoding") || sameName(name, "Content-Length"))) {
-        continue;
-      }
-      response->appendField(std::move(name), std::move(value));
+    if (decoded) {
+      auto& fields = transfer->fields;
+      fields.erase(std::remove_if(fields.begin(), fields.end(),
+                                  [](const auto& field) {
+                                    return sameName(field.first, "Content-Encoding") ||
+                                           sameName(field.first, "Content-Length");
+                                  }),
+                   fields.end());
     }
+    // The block's fields are not needed again: the whole list moves over.
+    response->takeFields(std::move(transfer->fields));
     transfer->fields.clear();
     if (transfer->status == 401 || transfer->status == 407) {
       std::string challenge = response->getHeadField(
@@ -571,18 +603,36 @@ class SessionCore {
       curl_easy_cleanup(transfer->easy);
     }
     curl_slist_free_all(transfer->headers);
-    delete transfer;
+    if (idleTransfers_.size() < kIdleHandles && transfer->piece.use_count() == 1) {
+      transfer->reset();
+      idleTransfers_.push_back(transfer);
+    } else {
+      delete transfer;
+    }
+  }
+
+  // Transfers are reused like the handles: made on this thread, kept here.
+  Transfer* takeTransfer() {
+    if (idleTransfers_.empty()) {
+      auto* transfer = new Transfer();
+      transfer->core = this;
+      return transfer;
+    }
+    Transfer* transfer = idleTransfers_.back();
+    idleTransfers_.pop_back();
+    return transfer;
   }
 
   CURLM* multi_ = nullptr;
   std::thread thread_;
   std::mutex mutex_;
-  std::vector<Command> commands_;  // guarded by mutex_
-  bool stopping_ = false;          // guarded by mutex_
-  std::atomic<uint64_t> nextId_{1};
+  std::vector<Command> commands_;                 // guarded by mutex_
+  bool stopping_ = false;                         // guarded by mutex_
+  uint64_t nextId_ = 1;                           // event thread only
   std::unordered_map<uint64_t, Transfer*> live_;  // event thread only
   static constexpr size_t kIdleHandles = 64;
-  std::vector<CURL*> idleHandles_;  // event thread only
+  std::vector<CURL*> idleHandles_;        // event thread only
+  std::vector<Transfer*> idleTransfers_;  // event thread only
   std::atomic<long> connectTimeoutMs_{envMs("VELORA_CONNECT_TIMEOUT_MS", 30000)};
   std::atomic<long> idleTimeoutMs_{envMs("VELORA_IDLE_TIMEOUT_MS", 60000)};
 };
