@@ -397,10 +397,9 @@ class Library {
       // the index is immutable, so there is nothing to wait for.
       if (!stopping_ && !paused_ && !find(*index(), request.url())) {
         lock.unlock();
-        Job job{request.url(), std::move(completion)};
         auto response = std::make_unique<ResourceResponse>();
         response->error = Error(Error::kNotFound, "no package holds " + request.url());
-        complete(job, std::move(response));
+        complete(completion, std::move(response));
         return;
       }
       if (!stopping_) {
@@ -478,18 +477,18 @@ class Library {
       response = std::make_unique<ResourceResponse>();
       response->error = Error(Error::kReadFailed, std::string("lookup failed: ") + e.what());
     }
-    complete(job, std::move(response));
+    complete(job.completion, std::move(response));
   }
 
   void answerShuttingDown(Job& job) {
     auto response = std::make_unique<ResourceResponse>();
     response->error = Error(Error::kShuttingDown, "the offline cache is shutting down");
-    complete(job, std::move(response));
+    complete(job.completion, std::move(response));
   }
 
-  void complete(Job& job, std::unique_ptr<ResourceResponse> response) {
+  static void complete(Completion& completion, std::unique_ptr<ResourceResponse> response) {
     try {
-      job.completion(std::move(response));
+      completion(std::move(response));
     } catch (const std::exception& e) {
       OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "a lookup's completion threw: %{public}s",
                    e.what());
