@@ -1,6 +1,11 @@
 // Host StrataCore: an in-memory index of the installed packages, swapped
 // whole on every change; lookups answered by two worker threads that read the
 // file (from the folder or the .zip) straight into the response.
+//
+// A page asks for its resources in bursts. A worker that runs out of work
+// watches the queue for a short while before it sleeps, so the lookups of a
+// burst after the first do not pay for waking a thread; one worker at most
+// watches, and a lookup wakes a sleeper only when none does.
 #include "strata/strata_core.h"
 #include "strata/host_config.h"
 
@@ -11,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -33,6 +39,8 @@ namespace {
 
 constexpr char kTag[] = "StrataCore";
 constexpr int kWorkers = 2;
+// How long an idle worker watches the queue before it sleeps.
+constexpr auto kWatchBeforeSleep = std::chrono::microseconds(50);
 // A manifest larger than this is refused.
 constexpr uint64_t kMaxManifestBytes = 8u << 20;
 
@@ -380,6 +388,7 @@ class Library {
       if (stopping_)
         return;
       stopping_ = true;
+      stoppingHint_ = true;
       left.swap(jobs_);
     }
     wake_.notify_all();
@@ -390,7 +399,7 @@ class Library {
   }
 
   void submit(const ResourceRequest& request, Completion completion) {
-    bool queued = false;
+    enum { kShuttingDown, kQueued, kQueuedToWake } outcome = kShuttingDown;
     {
       std::unique_lock<std::mutex> lock(mutex_);
       // A URL no package holds is answered at once, on the caller's thread:
@@ -404,13 +413,16 @@ class Library {
       }
       if (!stopping_) {
         jobs_.push_back({request.url(), std::move(completion)});
-        queued = true;
+        queued_.store(jobs_.size(), std::memory_order_release);
+        // A watching worker takes it: it looks at the queue again, under the
+        // lock, before it sleeps.
+        outcome = watching_ ? kQueued : kQueuedToWake;
       }
     }
-    if (queued) {
+    if (outcome == kQueuedToWake)
       wake_.notify_one();  // after unlocking: the worker must not wake into a held lock
+    if (outcome != kShuttingDown)
       return;
-    }
     Job job{request.url(), std::move(completion)};
     answerShuttingDown(job);
   }
@@ -456,14 +468,40 @@ class Library {
   void work() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return stopping_ || (!paused_ && !jobs_.empty()); });
       if (stopping_)
         return;
-      Job job = std::move(jobs_.front());
-      jobs_.pop_front();
-      lock.unlock();
-      answer(job);
-      lock.lock();
+      if (!paused_ && !jobs_.empty()) {
+        Job job = std::move(jobs_.front());
+        jobs_.pop_front();
+        queued_.store(jobs_.size(), std::memory_order_relaxed);
+        lock.unlock();
+        answer(job);
+        lock.lock();
+        continue;
+      }
+      if (!paused_ && watching_ == 0) {
+        watching_ = true;
+        lock.unlock();
+        watchQueue();
+        lock.lock();
+        watching_ = false;
+        continue;  // whatever came meanwhile is looked at under the lock
+      }
+      wake_.wait(lock);
+    }
+  }
+
+  // Returns when a lookup is queued, the library stops, or the watch is over.
+  void watchQueue() const {
+    const auto until = std::chrono::steady_clock::now() + kWatchBeforeSleep;
+    while (queued_.load(std::memory_order_acquire) == 0 &&
+           !stoppingHint_.load(std::memory_order_relaxed) &&
+           std::chrono::steady_clock::now() < until) {
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#elif defined(__aarch64__)
+      asm volatile("yield");
+#endif
     }
   }
 
@@ -545,8 +583,12 @@ class Library {
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<Job> jobs_;  // guarded by mutex_
+  // jobs_.size(), read by a watching worker without the lock.
+  std::atomic<size_t> queued_{0};
+  bool watching_ = false;  // guarded by mutex_: a worker watches the queue
   bool paused_ = false;
   bool stopping_ = false;
+  std::atomic<bool> stoppingHint_{false};  // stopping_, for a watching worker
   std::vector<std::thread> workers_;
 };
 
