@@ -467,6 +467,7 @@ class Library {
 
   void work() {
     std::unique_lock<std::mutex> lock(mutex_);
+    bool justWorked = false;  // watching follows work, never a watch
     for (;;) {
       if (stopping_)
         return;
@@ -477,9 +478,11 @@ class Library {
         lock.unlock();
         answer(job);
         lock.lock();
+        justWorked = true;
         continue;
       }
-      if (!paused_ && watching_ == 0) {
+      if (justWorked && !paused_ && !watching_) {
+        justWorked = false;
         watching_ = true;
         lock.unlock();
         watchQueue();
@@ -487,6 +490,7 @@ class Library {
         watching_ = false;
         continue;  // whatever came meanwhile is looked at under the lock
       }
+      justWorked = false;
       wake_.wait(lock);
     }
   }

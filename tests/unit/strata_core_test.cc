@@ -3,9 +3,11 @@
 #include "strata/strata_core.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <zip.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -121,6 +123,40 @@ TEST_F(StrataCoreTest, FolderAndZipPackagesServeTheirFilesWithTheManifestHeaders
   ASSERT_TRUE(PackageManager::remove("lib"));
   EXPECT_TRUE(lookup("https://cdn.test/lib.js")->error);
   EXPECT_FALSE(PackageManager::remove("lib"));
+}
+
+// Process CPU time, user and system, in ms.
+static double cpuMs() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  auto ms = [](const timeval& t) { return t.tv_sec * 1000.0 + t.tv_usec / 1000.0; };
+  return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+// Idle workers watch the queue briefly after work, then sleep: a burst of
+// hits is served whole, and a library with nothing to do costs no CPU.
+TEST_F(StrataCoreTest, WorkersSleepWhenThereIsNothingToLookUp) {
+  fs::path folder =
+      makePackage(sources_.path(), "app", "1", {{"https://a.test/a.js", "a.js", "a()"}});
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(folder.string(), &error)) << error;
+  std::atomic<int> served{0};
+  std::promise<void> all;
+  constexpr int kBurst = 64;
+  for (int i = 0; i < kBurst; ++i) {
+    Access::getResource(StrataCore::ResourceRequest("https://a.test/a.js", {}),
+                        [&](std::unique_ptr<StrataCore::ResourceResponse> response) {
+                          if (!response->error && response->body == "a()" && ++served == kBurst)
+                            all.set_value();
+                        });
+  }
+  all.get_future().get();
+
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the watch is over
+  double before = cpuMs();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_LT(cpuMs() - before, 100) << "a worker kept running with nothing to do";
+  EXPECT_EQ(lookup("https://a.test/a.js")->body, "a()");  // and a sleeper still wakes
 }
 
 TEST_F(StrataCoreTest, BadPackagesAreSkippedAndNothingOutsideAPackageIsServed) {
