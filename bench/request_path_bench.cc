@@ -135,6 +135,7 @@ void curlEasy(const std::string& url, uint64_t expected) {
 
 void curlMulti(const std::string& url, int count) {
   CURLM* multi = curl_multi_init();
+  curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 6L);
   Baseline baseline;
   int started = 0, done = 0;

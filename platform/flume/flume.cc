@@ -297,8 +297,10 @@ class SessionCore {
   }
 
   void loop() {
+    // Two lists swapped back and forth: senders queue into one while this
+    // thread runs the other, and neither is reallocated once grown.
+    std::vector<Command> commands;
     for (;;) {
-      std::vector<Command> commands;
       {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopping_)
@@ -307,6 +309,7 @@ class SessionCore {
       }
       for (Command& command : commands)
         run(command);
+      commands.clear();
       int running = 0;
       curl_multi_perform(multi_, &running);
       int queued = 0;
