@@ -540,10 +540,15 @@ class Library {
   }
 
   static const Resource* find(const Index& index, const std::string& url) {
-    auto exact = index.exact.find(withoutFragment(url));
+    // Most URLs have neither fragment nor query: they are looked up as they
+    // are, without a copy.
+    const bool plain = url.find_first_of("#?") == std::string::npos;
+    auto exact = plain ? index.exact.find(url) : index.exact.find(withoutFragment(url));
     if (exact != index.exact.end())
       return &exact->second;
-    auto any = index.anyQuery.find(withoutQuery(url));
+    if (index.anyQuery.empty())
+      return nullptr;
+    auto any = plain ? index.anyQuery.find(url) : index.anyQuery.find(withoutQuery(url));
     return any != index.anyQuery.end() ? &any->second : nullptr;
   }
 
