@@ -119,6 +119,7 @@ class Load : public std::enable_shared_from_this<Load> {
                       std::string mimeType,
                       std::string charset);
   void recordData(const char* data, size_t size);
+  void recordDataLocked(const char* data, size_t size);  // mutex_ held, kResponded
 
   std::mutex mutex_;
   State state_ = State::kStarted;  // guarded by mutex_

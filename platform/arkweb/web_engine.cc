@@ -550,7 +550,13 @@ void Load::recordData(const char* data, size_t size) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (state_ != State::kResponded)
     return;
-  double now = nowMs();
+  recordDataLocked(data, size);
+}
+
+void Load::recordDataLocked(const char* data, size_t size) {
+  // The clock is read only where a time is taken: most pieces just count.
+  const bool timed = result_.timing.firstByte < 0 || options_.onData;
+  const double now = timed ? nowMs() : 0;
   if (result_.timing.firstByte < 0)
     result_.timing.firstByte = now;
   result_.bodySize += size;
@@ -587,17 +593,15 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
 }
 
 int32_t Load::didReceiveData(const uint8_t* buffer, int64_t length) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ != State::kResponded) {
-      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
-                   "DidReceiveData ignored: %{public}s (%{public}s)",
-                   state_ == State::kEnded ? "the request has ended" : "no response was sent",
-                   result_.url.c_str());
-      return ARKWEB_INVALID_PARAM;
-    }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (state_ != State::kResponded) {
+    OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
+                 "DidReceiveData ignored: %{public}s (%{public}s)",
+                 state_ == State::kEnded ? "the request has ended" : "no response was sent",
+                 result_.url.c_str());
+    return ARKWEB_INVALID_PARAM;
   }
-  recordData(reinterpret_cast<const char*>(buffer), static_cast<size_t>(length));
+  recordDataLocked(reinterpret_cast<const char*>(buffer), static_cast<size_t>(length));
   return ARKWEB_SUCCESS;
 }
 
