@@ -69,6 +69,8 @@ Sample measure(const std::function<void()>& body) {
 std::map<std::string, std::vector<Sample>> interleave(const std::vector<Variant>& variants,
                                                       int rounds) {
   std::map<std::string, std::vector<Sample>> samples;
+  for (const Variant& variant : variants)
+    variant.run();  // warm-up
   for (int round = 0; round < rounds; ++round) {
     for (size_t i = 0; i < variants.size(); ++i) {
       const Variant& variant = variants[(i + round) % variants.size()];

@@ -49,8 +49,10 @@ struct Variant {
   std::function<Sample()> run;
 };
 
-// Runs every variant once per round, the order rotated each round so no
-// variant always runs first on a noisy machine. Samples by variant name.
+// Runs every variant once unmeasured (first connections, pools and page
+// faults are no part of a steady-state figure), then once per round, the
+// order rotated each round so no variant always runs first on a noisy
+// machine. Samples by variant name.
 std::map<std::string, std::vector<Sample>> interleave(const std::vector<Variant>& variants,
                                                       int rounds);
 
