@@ -24,6 +24,7 @@ void TaskRunner::post(std::function<void()> task) {
   bool wake = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    takeDueLocked();  // a delayed task already due goes first
     ready_.push_back(std::move(task));
     wake = sleeping_;
   }
