@@ -475,7 +475,12 @@ class Library {
         Job job = std::move(jobs_.front());
         jobs_.pop_front();
         queued_.store(jobs_.size(), std::memory_order_relaxed);
+        // Lookups queued while this worker watched woke nobody: the next
+        // one goes to another worker rather than wait behind this one.
+        const bool more = !jobs_.empty();
         lock.unlock();
+        if (more)
+          wake_.notify_one();
         answer(job);
         lock.lock();
         justWorked = true;
