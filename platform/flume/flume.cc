@@ -200,7 +200,10 @@ class SessionCore {
     thread_ = std::thread([this] { loop(); });
   }
 
-  ~SessionCore() { shutdown(); }
+  ~SessionCore() {
+    shutdown();
+    curl_slist_free_all(expectOnly_);
+  }
 
   // Stops the event thread for good; transfers still running are dropped
   // without events (their listeners may belong to objects already gone) and
@@ -283,7 +286,7 @@ class SessionCore {
       if (stopping_) {
         if (command.kind == Command::kAdd) {
           OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag, "request to %{public}s dropped: shutting down",
-                       command.request->getURLString().c_str());
+                       command.request->url().c_str());
         }
         return;
       }
@@ -356,7 +359,7 @@ class SessionCore {
   // Fails a transfer before it goes out.
   void refuse(Transfer* transfer, const std::string& why) {
     OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "request to %{public}s refused: %{public}s",
-                 transfer->request->getURLString().c_str(), why.c_str());
+                 transfer->request->url().c_str(), why.c_str());
     std::strncpy(transfer->error, why.c_str(), CURL_ERROR_SIZE - 1);
     complete(transfer, CURLE_BAD_FUNCTION_ARGUMENT, /*removed=*/true);
   }
@@ -379,7 +382,7 @@ class SessionCore {
       refuse(transfer, "the method is not a token");
       return;
     }
-    curl_easy_setopt(easy, CURLOPT_URL, request.getURLString().c_str());
+    curl_easy_setopt(easy, CURLOPT_URL, request.url().c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->error);
@@ -408,7 +411,7 @@ class SessionCore {
         OH_LOG_Print(LOG_APP, LOG_WARN, 0, kTag,
                      "header left out of the request to %{public}s: its name is not a token or "
                      "its value holds CR, LF or NUL",
-                     request.getURLString().c_str());
+                     request.url().c_str());
         continue;
       }
       // curl sends its own Accept-Encoding (it decodes what it asks for) and
@@ -422,8 +425,12 @@ class SessionCore {
       std::string line = value.empty() ? name + ";" : name + ": " + value;
       transfer->headers = curl_slist_append(transfer->headers, line.c_str());
     }
-    transfer->headers = curl_slist_append(transfer->headers, "Expect:");
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+    if (transfer->headers) {
+      transfer->headers = curl_slist_append(transfer->headers, "Expect:");
+      curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+    } else {
+      curl_easy_setopt(easy, CURLOPT_HTTPHEADER, expectOnly_);  // shared, never changed
+    }
 
     if (request.getBodyStream()) {
       curl_easy_setopt(easy, CURLOPT_POST, 1L);
@@ -521,9 +528,8 @@ class SessionCore {
       curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &code);
       transfer->status = static_cast<int>(code);
     }
-    auto response =
-        std::make_shared<FLHttpResponse>(transfer->request->getURLString(), transfer->status,
-                                         transfer->statusText, transfer->version);
+    auto response = std::make_shared<FLHttpResponse>(transfer->request->url(), transfer->status,
+                                                     transfer->statusText, transfer->version);
     bool decoded = false;
     for (const auto& [name, value] : transfer->fields) {
       if (sameName(name, "Content-Encoding") && isDecodedEncoding(value))
@@ -636,6 +642,8 @@ class SessionCore {
   static constexpr size_t kIdleHandles = 64;
   std::vector<CURL*> idleHandles_;        // event thread only
   std::vector<Transfer*> idleTransfers_;  // event thread only
+  // The header list of a transfer without fields of its own.
+  curl_slist* const expectOnly_ = curl_slist_append(nullptr, "Expect:");
   std::atomic<long> connectTimeoutMs_{envMs("VELORA_CONNECT_TIMEOUT_MS", 30000)};
   std::atomic<long> idleTimeoutMs_{envMs("VELORA_IDLE_TIMEOUT_MS", 60000)};
 };

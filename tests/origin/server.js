@@ -169,7 +169,8 @@ function handle(req, res) {
       req.on('end', () => {
         if (q.has('raw')) {
           res.writeHead(200, { 'Content-Type': 'application/octet-stream',
-            'X-Upload-Chunked': String(req.headers['transfer-encoding'] === 'chunked') });
+            'X-Upload-Chunked': String(req.headers['transfer-encoding'] === 'chunked'),
+            'X-Upload-Expect': req.headers.expect || 'none' });
           return res.end(Buffer.concat(pieces));
         }
         const body = JSON.stringify({ method: req.method, length, sha256: hash.digest('hex'),

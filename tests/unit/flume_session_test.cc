@@ -108,6 +108,8 @@ TEST(FlumeSession, StreamedUploadsArriveByteExactWhateverThePieces) {
       EXPECT_TRUE(result.body == body) << size << (sized ? " sized" : " chunked");
       EXPECT_EQ(velora_test::headerValues(result.headers, "X-Upload-Chunked")[0],
                 sized ? "false" : "true");
+      // No round trip waiting for "100 Continue", with fields of its own or without.
+      EXPECT_EQ(velora_test::headerValues(result.headers, "X-Upload-Expect")[0], "none");
     }
   }
 }

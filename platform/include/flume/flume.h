@@ -25,6 +25,8 @@ class FLHttpMessage {
   virtual ~FLHttpMessage() = default;
 
   std::string getURLString() const { return url_; }
+  // Host only: the same, without a copy.
+  const std::string& url() const { return url_; }
   // Replaces every field of that name (compared case-insensitively). Setting
   // a name not there yet costs no scan of the others.
   void setHeadField(const std::string& name, const std::string& value);
