@@ -284,6 +284,9 @@ TEST(ArkWebTaskRunner, RunsTasksInPostingOrderAndDelayedOnesWhenDue) {
   {
     arkweb_host::TaskRunner runner("test-runner");
     runner.postDelayed([&] { record("never"); }, 60'000);
+    // Held until all 200 are posted: the nested post then goes behind them.
+    std::promise<void> posted200;
+    runner.post([ready = posted200.get_future().share()] { ready.wait(); });
     for (int i = 0; i < 200; ++i) {
       runner.post([&, i] {
         record(std::to_string(i));
@@ -291,6 +294,7 @@ TEST(ArkWebTaskRunner, RunsTasksInPostingOrderAndDelayedOnesWhenDue) {
           runner.post([&] { record("nested"); });  // behind everything posted so far
       });
     }
+    posted200.set_value();
     runner.waitIdle();  // delayed tasks do not count
     std::vector<std::string> order = recorded();
     ASSERT_EQ(order.size(), 201u);
