@@ -223,11 +223,11 @@ class SessionCore {
   }
 
   void send(const std::shared_ptr<FLHttpRequest>& request, IFLHttpSessionListener* listener) {
-    post({Command::kAdd, request, listener, 0, nullptr});
+    post({Command::kAdd, request, listener, 0});
   }
 
   void cancel(const std::shared_ptr<FLHttpRequest>& request) {
-    post({Command::kCancel, nullptr, nullptr, 0, request.get()});
+    post({Command::kCancel, request, nullptr, 0});
   }
 
   void setDefaultTimeouts(long connectMs, long idleMs) {
@@ -273,10 +273,9 @@ class SessionCore {
 
   struct Command {
     enum Kind { kAdd, kUnpause, kCancel } kind;
-    std::shared_ptr<FLHttpRequest> request;  // kAdd
+    std::shared_ptr<FLHttpRequest> request;  // kAdd, kCancel
     IFLHttpSessionListener* listener;        // kAdd
     uint64_t id;                             // kUnpause
-    const FLHttpRequest* target;             // kCancel
   };
 
   void post(Command command) {
@@ -345,7 +344,7 @@ class SessionCore {
       }
       case Command::kCancel:
         for (auto& [id, transfer] : live_) {
-          if (transfer->request.get() == command.target) {
+          if (transfer->request == command.request) {
             std::strncpy(transfer->error, "cancelled by the caller", CURL_ERROR_SIZE - 1);
             curl_multi_remove_handle(multi_, transfer->easy);
             complete(transfer, CURLE_ABORTED_BY_CALLBACK, /*removed=*/true);
@@ -504,7 +503,7 @@ class SessionCore {
     uint64_t id = transfer->id;
     bool ended = false;
     size_t n = transfer->request->getBodyStream()->read(buffer, size * count, &ended, [core, id] {
-      core->post({Command::kUnpause, nullptr, nullptr, id, nullptr});
+      core->post({Command::kUnpause, nullptr, nullptr, id});
     });
     if (n > 0 || ended)
       return n;
