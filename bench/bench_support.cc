@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -146,6 +148,14 @@ long long callgrindInstructions(const std::string& program,
   }
   unlink(outFile);
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? total : -1;
+}
+
+int roundsArg(int argc, char** argv, int fallback) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--rounds") == 0)
+      return std::atoi(argv[i + 1]);
+  }
+  return fallback;
 }
 
 }  // namespace velora_bench

@@ -63,6 +63,9 @@ std::vector<double> cpuOf(const std::vector<Sample>& samples);
 // "load average: 0.52 0.61 0.70", for the record beside the figures.
 std::string loadAverage();
 
+// The value of `--rounds N` among the arguments, or `fallback`.
+int roundsArg(int argc, char** argv, int fallback);
+
 // Instructions executed (all threads) when `program` runs under callgrind
 // with `arguments`; -1 when valgrind is missing or the run failed.
 long long callgrindInstructions(const std::string& program,

@@ -127,11 +127,7 @@ Sample packageHits(int count, std::chrono::microseconds pause = {}) {
 
 int main(int argc, char** argv) {
   OH_LOG_SetMinLogLevel(LOG_WARN);
-  int rounds = 7;
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], "--rounds") == 0)
-      rounds = std::atoi(argv[++i]);
-  }
+  const int rounds = velora_bench::roundsArg(argc, argv, 7);
   std::printf("offline_cache_bench, %d rounds, %s\n", rounds, velora_bench::loadAverage().c_str());
   using velora_bench::median;
   using velora_bench::wallOf;

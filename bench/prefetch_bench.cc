@@ -136,11 +136,7 @@ struct ReplayBench {
 
 int main(int argc, char** argv) {
   OH_LOG_SetMinLogLevel(LOG_WARN);
-  int rounds = 5;
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], "--rounds") == 0)
-      rounds = std::atoi(argv[++i]);
-  }
+  const int rounds = velora_bench::roundsArg(argc, argv, 5);
   std::printf("prefetch_bench, %d rounds, %s\n", rounds, velora_bench::loadAverage().c_str());
   using velora_bench::median;
   using velora_bench::wallOf;
