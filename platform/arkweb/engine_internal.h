@@ -123,8 +123,8 @@ class Load : public std::enable_shared_from_this<Load> {
 
   std::mutex mutex_;
   State state_ = State::kStarted;  // guarded by mutex_
-  LoadOptions options_;
-  LoadResult result_;  // guarded by mutex_ until kEnded
+  LoadOptions options_;            // set at construction, then only read: no lock needed
+  LoadResult result_;              // guarded by mutex_ until kEnded
   // Set by a response that carries an error: the load ends with it at DidFinish.
   int responseError_ = 0;  // guarded by mutex_
 };

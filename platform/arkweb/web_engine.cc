@@ -575,7 +575,7 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
           LOG_APP, LOG_WARN, 0, kEngineLogTag,
           "DidReceiveResponse ignored: %{public}s (%{public}s)",
           state_ == State::kEnded ? "the request has ended" : "a response was already sent",
-          result_.url.c_str());
+          options_.url.c_str());
       return ARKWEB_INVALID_PARAM;
     }
   }
@@ -598,7 +598,7 @@ int32_t Load::didReceiveData(const uint8_t* buffer, int64_t length) {
     OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
                  "DidReceiveData ignored: %{public}s (%{public}s)",
                  state_ == State::kEnded ? "the request has ended" : "no response was sent",
-                 result_.url.c_str());
+                 options_.url.c_str());
     return ARKWEB_INVALID_PARAM;
   }
   recordDataLocked(reinterpret_cast<const char*>(buffer), static_cast<size_t>(length));
@@ -613,7 +613,7 @@ int32_t Load::didFinish() {
   }
   if (state == State::kEnded) {
     OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag,
-                 "DidFinish ignored: the request has ended (%{public}s)", result_.url.c_str());
+                 "DidFinish ignored: the request has ended (%{public}s)", options_.url.c_str());
     return ARKWEB_INVALID_PARAM;
   }
   if (state == State::kStarted) {
