@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "arkweb/body_blocks.h"
 #include "arkweb_host/web_component.h"
 #include "napi/native_api.h"
 #include "omni/ability.h"
@@ -105,26 +106,25 @@ struct LoadEvent {
   LoadResult result;                // kDone
 };
 
-// Body bytes on their way to script: up to kBatchBytes, and when the first
-// of them came.
+// Body bytes on their way to script, and when the first of them came.
 struct Batch {
-  static constexpr size_t kBatchBytes = 1 << 20;
-  std::string bytes;
+  arkweb_host::BodySlice bytes;
   double atMs = 0;
 };
 
 // One load from script. Body pieces are batched: while a data event waits
 // for the script thread, later pieces join it, so a busy script gets few
-// large buffers and an idle one gets every piece at once. Batches have a
-// fixed size and come from the pool, so they never grow by copying.
+// large buffers and an idle one gets every piece at once. A batch grows in
+// place until its block is full; the next one starts in a new block.
 struct LoadContext {
   napi_deferred deferred = nullptr;
   napi_ref onData = nullptr;
   napi_ref onResponse = nullptr;
   napi_threadsafe_function events = nullptr;
   std::mutex mutex;
-  std::vector<Batch> batches;  // guarded by mutex; the last one fills up
-  bool dataQueued = false;     // guarded by mutex
+  std::vector<Batch> batches;    // guarded by mutex; the last one fills up
+  arkweb_host::BodyWriter body;  // guarded by mutex
+  bool dataQueued = false;       // guarded by mutex
   // The AbortSignal and the listener on it, removed when the load ends.
   napi_ref signal = nullptr;
   napi_ref abortListener = nullptr;
@@ -146,43 +146,23 @@ bool signalListener(napi_env env,
          napi_call_function(env, signal, function, options ? 3 : 2, args, nullptr) == napi_ok;
 }
 
-// Body batches are recycled: a batch script has let go of (collected) comes
-// back here, so a long download does not map fresh memory for every batch.
-class BatchPool {
- public:
-  static BatchPool& get() {
-    static BatchPool* pool = new BatchPool;  // finalizers may run until exit
-    return *pool;
+// Hands `bytes` to script without copying them; a runtime that refuses
+// external buffers gets a copy. `release(hint)` runs once script lets go.
+napi_value externalBuffer(napi_env env,
+                          char* data,
+                          size_t size,
+                          napi_finalize release,
+                          void* hint) {
+  napi_value buffer = nullptr;
+  if (napi_create_external_buffer(env, size, data, release, hint, &buffer) != napi_ok) {
+    void* copy = nullptr;
+    napi_create_buffer_copy(env, size, data, &copy, &buffer);
+    release(env, data, hint);
   }
+  return buffer;
+}
 
-  std::string take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (spare_.empty())
-      return std::string();
-    std::string batch = std::move(spare_.back());
-    spare_.pop_back();
-    batch.clear();
-    return batch;
-  }
-
-  void give(std::string&& batch) {
-    if (batch.capacity() > kMaxKeptBytes)
-      return;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (spare_.size() < kMaxSpare)
-      spare_.push_back(std::move(batch));
-  }
-
- private:
-  static constexpr size_t kMaxKeptBytes = 4 << 20;
-  static constexpr size_t kMaxSpare = 32;
-  std::mutex mutex_;
-  std::vector<std::string> spare_;  // guarded by mutex_
-};
-
-// Hands `bytes` to script without copying them; `recycle` gives the memory
-// to the batch pool once script has let go of it.
-napi_value externalBuffer(napi_env env, std::string&& bytes, bool recycle = false) {
+napi_value externalBuffer(napi_env env, std::string&& bytes) {
   if (bytes.empty()) {
     napi_value empty;
     void* data = nullptr;
@@ -190,22 +170,24 @@ napi_value externalBuffer(napi_env env, std::string&& bytes, bool recycle = fals
     return empty;
   }
   auto* owned = new std::string(std::move(bytes));
-  napi_finalize release = [](napi_env, void*, void* hint) {
-    delete static_cast<std::string*>(hint);
-  };
-  napi_finalize recycleBatch = [](napi_env, void*, void* hint) {
-    std::unique_ptr<std::string> batch(static_cast<std::string*>(hint));
-    BatchPool::get().give(std::move(*batch));
-  };
-  napi_value buffer = nullptr;
-  if (napi_create_external_buffer(env, owned->size(), owned->data(),
-                                  recycle ? recycleBatch : release, owned, &buffer) != napi_ok) {
-    // Runtimes that refuse external buffers get a copy.
-    void* copy = nullptr;
-    napi_create_buffer_copy(env, owned->size(), owned->data(), &copy, &buffer);
-    delete owned;
-  }
-  return buffer;
+  return externalBuffer(
+      env, owned->data(), owned->size(),
+      [](napi_env, void*, void* hint) { delete static_cast<std::string*>(hint); }, owned);
+}
+
+// The slice's block stays out of the pool until script lets go of it.
+napi_value externalBuffer(napi_env env, arkweb_host::BodySlice&& slice) {
+  if (slice.size == 0)
+    return externalBuffer(env, std::string());
+  char* data = slice.data();
+  size_t size = slice.size;
+  auto* block = new std::shared_ptr<arkweb_host::BodyBlock>(std::move(slice.block));
+  return externalBuffer(
+      env, data, size,
+      [](napi_env, void*, void* hint) {
+        delete static_cast<std::shared_ptr<arkweb_host::BodyBlock>*>(hint);
+      },
+      block);
 }
 
 napi_value headerPairs(napi_env env, const arkweb_host::HeaderList& list) {
@@ -304,8 +286,7 @@ void deliverEvent(napi_env env, napi_value /*js*/, void* contextData, void* even
         context->dataQueued = false;
       }
       for (Batch& batch : batches) {
-        napi_value args[2] = {externalBuffer(env, std::move(batch.bytes), true),
-                              number(env, batch.atMs)};
+        napi_value args[2] = {externalBuffer(env, std::move(batch.bytes)), number(env, batch.atMs)};
         callScript(env, context->onData, 2, args);
       }
       return;
@@ -519,11 +500,8 @@ napi_value Load(napi_env env, napi_callback_info info) {
       {
         std::lock_guard<std::mutex> lock(context->mutex);
         auto& batches = context->batches;
-        if (batches.empty() || batches.back().bytes.size() + size > Batch::kBatchBytes) {
-          batches.push_back(Batch{BatchPool::get().take(), atMs});
-          batches.back().bytes.reserve(Batch::kBatchBytes);
-        }
-        batches.back().bytes.append(data, size);
+        if (batches.empty() || !context->body.extend(batches.back().bytes, data, size))
+          batches.push_back(Batch{context->body.write(data, size), atMs});
         post = !context->dataQueued;
         context->dataQueued = true;
       }

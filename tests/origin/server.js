@@ -5,8 +5,9 @@
 // seconds.
 //
 // Routes:
-//   /bytes/N[?chunk=S&delay=MS]  N bytes of a fixed pattern (byte i = (i*31+7)&255),
-//                                written in pieces of S bytes MS ms apart
+//   /bytes/N[?chunk=S&delay=MS&random=1]  N bytes of a fixed pattern (byte i =
+//                                (i*31+7)&255), or random ones that never repeat
+//                                where the pattern would, in pieces of S bytes MS ms apart
 //   /site/...                    files of the demo site (tests/origin/site)
 //   /delay?ms=MS[&size=N&chunk=S&every=E]  answers after MS ms, the body in
 //                                pieces of S bytes E ms apart
@@ -48,7 +49,7 @@ const MIME = { '.html': 'text/html; charset=utf-8', '.css': 'text/css', '.js': '
   '.json': 'application/json', '.png': 'image/png', '.svg': 'image/svg+xml', '.txt': 'text/plain' };
 
 // Writes stop when the client goes away; what was written is counted by path.
-function sendPattern(res, size, chunk, delay, extraHeaders = {}) {
+function sendPattern(res, size, chunk, delay, extraHeaders = {}, bytes = pattern) {
   res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': size,
     ...extraHeaders });
   let sent = 0;
@@ -60,7 +61,7 @@ function sendPattern(res, size, chunk, delay, extraHeaders = {}) {
     while (sent < size) {
       if (gone) return undefined;
       const n = Math.min(piece, size - sent);
-      const ok = res.write(pattern(sent, n));
+      const ok = res.write(bytes(sent, n));
       sent += n;
       sentBytes.set(countPath, (sentBytes.get(countPath) || 0) + n);
       if (delay > 0 && sent < size) return setTimeout(writeMore, delay);
@@ -142,7 +143,8 @@ function handle(req, res) {
 
   switch (route) {
     case 'bytes':
-      return sendPattern(res, Number(url.pathname.split('/')[2] || 0), num('chunk', 0), num('delay', 0));
+      return sendPattern(res, Number(url.pathname.split('/')[2] || 0), num('chunk', 0), num('delay', 0), {},
+        q.get('random') ? (offset, n) => crypto.randomBytes(n) : pattern);
     case 'site': {
       const file = path.normalize(path.join(SITE, url.pathname.slice('/site'.length)));
       if (!file.startsWith(SITE) || !fs.existsSync(file) || fs.statSync(file).isDirectory()) {

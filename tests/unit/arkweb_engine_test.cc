@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "arkweb/body_blocks.h"
 #include "arkweb/task_runner.h"
 #include "arkweb_host/web_component.h"
 #include "origin_server.h"
@@ -328,4 +329,52 @@ TEST(ArkWebTaskRunner, RunsTasksInPostingOrderAndDelayedOnesWhenDue) {
     EXPECT_GE(delayedAt - posted, std::chrono::milliseconds(20));
   }  // stopping: the task a minute away is dropped, not awaited
   EXPECT_EQ(std::count(ran.begin(), ran.end(), "never"), 0);
+}
+
+// The driver's body memory: a block is reused only after every buffer cut
+// from it is let go of, slices sit end to end, and a slice handed on is never
+// grown again.
+TEST(ArkWebBodyBlocks, ABlockIsReusedOnlyOnceNothingHoldsIt) {
+  using arkweb_host::BodyBlock;
+  using arkweb_host::BodySlice;
+  const std::string piece(16 * 1024, 'a');
+  // Holds whatever the pool had, so the blocks below are the only ones.
+  std::vector<std::shared_ptr<BodyBlock>> held;
+  while (BodyBlock::pooled() > 0)
+    held.push_back(BodyBlock::take(1));
+
+  auto writer = std::make_unique<arkweb_host::BodyWriter>();
+  BodySlice first = writer->write(piece.data(), piece.size());
+  EXPECT_TRUE(writer->extend(first, piece.data(), piece.size()));
+  BodySlice second = writer->write("bc", 2);
+  EXPECT_EQ(first.block, second.block);
+  EXPECT_EQ(second.offset, 2 * piece.size());
+  EXPECT_FALSE(writer->extend(first, "x", 1)) << "the first slice is no longer the last";
+  EXPECT_EQ(std::string(second.data(), second.size), "bc");
+
+  // Filling the block moves the writer to a new one.
+  std::string rest(BodyBlock::kBlockBytes - first.block->used(), 'z');
+  EXPECT_TRUE(writer->extend(second, rest.data(), rest.size()));
+  EXPECT_FALSE(writer->extend(second, "y", 1));
+  BodySlice third = writer->write("y", 1);
+  EXPECT_NE(third.block, first.block);
+
+  // A piece larger than a block gets a block of its own, never pooled.
+  std::string large(BodyBlock::kBlockBytes + 1, 'L');
+  BodySlice big = writer->write(large.data(), large.size());
+  EXPECT_EQ(std::string(big.data(), big.size), large);
+
+  writer.reset();
+  first = BodySlice();
+  EXPECT_EQ(BodyBlock::pooled(), 0u) << "a slice still holds the first block";
+  second = BodySlice();
+  EXPECT_EQ(BodyBlock::pooled(), 1u);
+  third = BodySlice();
+  big = BodySlice();
+  EXPECT_EQ(BodyBlock::pooled(), 2u);
+
+  // A reused block starts empty.
+  auto again = BodyBlock::take(1);
+  EXPECT_EQ(again->used(), 0u);
+  EXPECT_EQ(again->capacity(), BodyBlock::kBlockBytes);
 }
