@@ -104,6 +104,10 @@ bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback)
     hasConsumed_ = true;
     consumer_ = std::move(callback);
     while (!events_.empty()) {
+      // The next event is in memory last touched when it was recorded: its
+      // fetch overlaps this one's delivery.
+      if (events_.size() > 1)
+        __builtin_prefetch(events_[1].get());
       // A bad parameter throws out of here and leaves the event at the front.
       replay(*events_.front());
       PrefetchCacheEventType type = events_.front()->getEventType();
