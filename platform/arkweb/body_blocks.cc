@@ -53,9 +53,7 @@ bool BodyWriter::extend(BodySlice& slice, const char* data, size_t size) {
   if (!block_ || slice.block != block_ || slice.offset + slice.size != block_->used_ ||
       block_->room() < size)
     return false;
-  if (size > 0)
-    std::memcpy(block_->data() + block_->used_, data, size);
-  block_->used_ += size;
+  append(data, size);
   slice.size += size;
   return true;
 }
@@ -64,10 +62,14 @@ BodySlice BodyWriter::write(const char* data, size_t size) {
   if (!block_ || block_->room() < size)
     block_ = BodyBlock::take(size);
   BodySlice slice{block_, block_->used_, size};
+  append(data, size);
+  return slice;
+}
+
+void BodyWriter::append(const char* data, size_t size) {
   if (size > 0)
     std::memcpy(block_->data() + block_->used_, data, size);
   block_->used_ += size;
-  return slice;
 }
 
 }  // namespace arkweb_host

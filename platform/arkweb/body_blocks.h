@@ -67,6 +67,9 @@ class BodyWriter {
   BodySlice write(const char* data, size_t size);
 
  private:
+  // Copies the bytes to the end of the current block, which has room.
+  void append(const char* data, size_t size);
+
   std::shared_ptr<BodyBlock> block_;
 };
 
