@@ -49,6 +49,8 @@ class PrefetchRequestCache final : public NetRequestCallBack {
   // `params()` makes; after it calls `forward` with the consumer. Under mutex_.
   template <typename Params, typename Forward>
   void recordOrForward(PrefetchCacheEventType type, Params params, Forward forward);
+  // Prefetches the next events' memory, a level deeper the nearer the event.
+  void warmAhead() const;
   void replay(const PrefetchCacheEvent& event);
 
   std::shared_ptr<PrefetchRequest> request_;
