@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cctype>
 #include <charconv>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <thread>
@@ -189,6 +191,8 @@ size_t FLDataStream::read(char* out, size_t max, bool* ended, std::function<void
 // ---- Session ----
 
 class SessionCore {
+  using Clock = std::chrono::steady_clock;
+
  public:
   SessionCore() {
     if (!g_curlReady) {
@@ -252,6 +256,8 @@ class SessionCore {
     std::vector<std::pair<std::string, std::string>> fields;
     bool responseDelivered = false;
     bool sentDelivered = false;
+    long idleMs = 0;  // 0: never idle out
+    Clock::time_point lastActivity;
     char error[CURL_ERROR_SIZE] = {0};
 
     // Back to a fresh transfer for reuse; core and piece stay.
@@ -267,6 +273,7 @@ class SessionCore {
       fields.clear();
       responseDelivered = false;
       sentDelivered = false;
+      idleMs = 0;
       error[0] = '\0';
     }
   };
@@ -322,7 +329,31 @@ class SessionCore {
         curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
         complete(transfer, message->data.result);
       }
-      curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+      failIdleTransfers();
+      // Woken by sockets and commands; with transfers live, also often
+      // enough to see an idle one within a tenth of a second.
+      curl_multi_poll(multi_, nullptr, 0, live_.empty() ? 1000 : kIdleCheckMs, nullptr);
+    }
+  }
+
+  // Ends, with one timeout error, each transfer in which no byte moved for
+  // its idle time. Looks at most every kIdleCheckMs.
+  void failIdleTransfers() {
+    const Clock::time_point now = Clock::now();
+    if (now - lastIdleCheck_ < std::chrono::milliseconds(kIdleCheckMs))
+      return;
+    lastIdleCheck_ = now;
+    idle_.clear();
+    for (auto& [id, transfer] : live_) {
+      if (transfer->idleMs > 0 &&
+          now - transfer->lastActivity >= std::chrono::milliseconds(transfer->idleMs)) {
+        idle_.push_back(transfer);
+      }
+    }
+    for (Transfer* transfer : idle_) {
+      std::snprintf(transfer->error, CURL_ERROR_SIZE, "no data moved for %ld ms", transfer->idleMs);
+      curl_multi_remove_handle(multi_, transfer->easy);
+      complete(transfer, CURLE_OPERATION_TIMEDOUT, /*removed=*/true);
     }
   }
 
@@ -382,6 +413,10 @@ class SessionCore {
       return;
     }
     curl_easy_setopt(easy, CURLOPT_URL, request.url().c_str());
+    // Whoever wrote the URL (or a redirect) chooses no other protocol: no
+    // file://, gopher:// or dict:// reaching local files or raw ports.
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->error);
@@ -392,12 +427,11 @@ class SessionCore {
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kBufferSize);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_.load());
     // Idle: no byte moved for this long (before or during the response).
-    long idleMs =
+    // Watched by this thread's own clock: libcurl's low-speed check averages
+    // over seconds and fires several seconds late after a fast start.
+    transfer->idleMs =
         request.getIdleTimeoutMs() > 0 ? request.getIdleTimeoutMs() : idleTimeoutMs_.load();
-    if (idleMs > 0) {
-      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-      curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, std::max(1L, (idleMs + 999) / 1000));
-    }
+    transfer->lastActivity = Clock::now();
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &SessionCore::onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &SessionCore::onBody);
@@ -455,6 +489,7 @@ class SessionCore {
   // Reads one header line in place: only the kept fields are copied out.
   static size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
+    transfer->lastActivity = Clock::now();
     const std::string_view line(data, size * count);
     if (line.compare(0, 5, "HTTP/") == 0) {
       // A new status line: 1xx and earlier blocks are replaced.
@@ -487,6 +522,7 @@ class SessionCore {
   static size_t onBody(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     size_t bytes = size * count;
+    transfer->lastActivity = Clock::now();
     transfer->core->deliverResponse(transfer);
     if (bytes > 0) {
       // No copy: the listener sees libcurl's buffer for the length of the call.
@@ -505,8 +541,10 @@ class SessionCore {
     size_t n = transfer->request->getBodyStream()->read(buffer, size * count, &ended, [core, id] {
       core->post({Command::kUnpause, nullptr, nullptr, id});
     });
-    if (n > 0 || ended)
+    if (n > 0 || ended) {
+      transfer->lastActivity = Clock::now();
       return n;
+    }
     return CURL_READFUNC_PAUSE;
   }
 
@@ -638,6 +676,9 @@ class SessionCore {
   bool stopping_ = false;                         // guarded by mutex_
   uint64_t nextId_ = 1;                           // event thread only
   std::unordered_map<uint64_t, Transfer*> live_;  // event thread only
+  static constexpr long kIdleCheckMs = 100;
+  Clock::time_point lastIdleCheck_;  // event thread only
+  std::vector<Transfer*> idle_;      // event thread only, reused
   static constexpr size_t kIdleHandles = 64;
   std::vector<CURL*> idleHandles_;        // event thread only
   std::vector<Transfer*> idleTransfers_;  // event thread only
