@@ -2,6 +2,7 @@
 #include "gantry_ssr/ssr_service.h"
 #include "gantry_ssr/host_config.h"
 
+#include <map>
 #include <mutex>
 
 #include "common/host_env.h"
@@ -10,9 +11,6 @@
 
 namespace gantry_ssr {
 namespace {
-
-// A call gives up when the gateway sends nothing for this long.
-constexpr long kIdleTimeoutMs = 60000;
 
 // "a, b,,c" -> {"a", "b", "c"}: blank entries dropped, spaces trimmed.
 std::vector<std::string> splitPrefixes(const std::string& text) {
@@ -23,6 +21,33 @@ std::vector<std::string> splitPrefixes(const std::string& text) {
       prefixes.push_back(piece.substr(first, piece.find_last_not_of(" \t") - first + 1));
   }
   return prefixes;
+}
+
+// The transfers of calls that have not ended, by their request, so that a
+// call can be cancelled.
+struct LiveCalls {
+  std::mutex mutex;
+  std::map<const SsrRequest*, std::shared_ptr<flume::FLHttpRequest>> transfers;
+
+  void add(const SsrRequest* request, std::shared_ptr<flume::FLHttpRequest> transfer) {
+    std::lock_guard<std::mutex> lock(mutex);
+    transfers[request] = std::move(transfer);
+  }
+  void remove(const SsrRequest* request) {
+    std::lock_guard<std::mutex> lock(mutex);
+    transfers.erase(request);
+  }
+  std::shared_ptr<flume::FLHttpRequest> find(const SsrRequest* request) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = transfers.find(request);
+    return it == transfers.end() ? nullptr : it->second;
+  }
+};
+
+// Never destroyed: calls may still end while the process exits.
+LiveCalls& liveCalls() {
+  static LiveCalls* instance = new LiveCalls;
+  return *instance;
 }
 
 // Carries one call's flume events to its listener; flume calls them one at a
@@ -52,6 +77,7 @@ class CallListener : public flume::IFLHttpSessionListener {
   }
   void onFLHttpError(const flume::FLHttpRequest&,
                      const std::shared_ptr<flume::FLError>& error) override {
+    liveCalls().remove(request_.get());
     listener_->onError(request_,
                        std::make_shared<SsrResponse>(error->getCode(), error->getMessage()));
     delete this;
@@ -59,6 +85,7 @@ class CallListener : public flume::IFLHttpSessionListener {
   void onFLHttpCollectingMetrics(const flume::FLHttpRequest&,
                                  const flume::FLHttpMetrics&) override {}
   void onFLHttpFinish(const flume::FLHttpRequest&) override {
+    liveCalls().remove(request_.get());
     listener_->onFinish(request_);
     delete this;
   }
@@ -99,8 +126,16 @@ void SsrService::asyncCall(const std::shared_ptr<SsrRequest>& request,
   httpRequest->setMethod(request->getHttpMethod() == SsrHttpMethod::POST ? "POST" : "GET");
   for (const auto& [name, value] : request->getHeaders())
     httpRequest->addHeadField(name, value);
-  httpRequest->setIdleTimeoutMs(kIdleTimeoutMs);
+  // Registered before the send: a cancel that comes right after it finds it.
+  liveCalls().add(request.get(), httpRequest);
   flume::FLHttpSession::getSession()->send(httpRequest, new CallListener(request, listener));
+}
+
+void SsrService::cancel(const std::shared_ptr<SsrRequest>& request) {
+  if (!request)
+    return;
+  if (auto transfer = liveCalls().find(request.get()))
+    flume::FLHttpSession::getSession()->cancel(transfer);
 }
 
 void setRules(std::vector<std::string> prefixes) {

@@ -3,7 +3,9 @@
 #include "first_chunk/ssr_client_info.h"
 #include "hilog/log.h"
 #include "log_tags.h"
+#include "network/ssr_send_pool.h"
 #include "omni_ability/api_info_helper.h"
+#include "tern/singleton.h"
 
 namespace velora {
 
@@ -47,6 +49,16 @@ void SSRRequestListener::onNetResponse(int statusCode, const HeaderMultimap& hea
 SSRRequest::~SSRRequest() {
   OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, log_tags::kSsrRequest, "%{public}s:~SSRRequest destructor",
                logId().c_str());
+  // Nobody is left to read what is still on its way.
+  cancel();
+}
+
+void SSRRequest::cancel() {
+  state_->cancelled = true;
+  // A send that has not left sees the flag; one that has is stopped here.
+  // Both may call cancel, which is harmless.
+  if (state_->sent && request_)
+    tern::Singleton<gantry_ssr::SsrService>::getInstance().cancel(request_);
 }
 
 void SSRRequest::setUrl(const std::string& url) {
@@ -67,17 +79,28 @@ void SSRRequest::setHeader(const std::string& name, const std::string& value) {
 }
 
 void SSRRequest::sendRequest() {
-  const std::string& url = request_->getUrl();
   OH_LOG_Print(LOG_APP, LOG_DEBUG, 0, log_tags::kSsrRequest,
-               "%{public}s:send request, url:%{public}s", logId().c_str(), url.c_str());
-  request_->addHeader("kp-client-context", SSRClientInfo::getClientInfo()->toString());
-  std::string apiContext = ApiInfoHelper::getEncodedApiInfo(url);
-  if (!apiContext.empty())
-    request_->addHeader("api-context", apiContext);
+               "%{public}s:send request, url:%{public}s", logId().c_str(),
+               request_->getUrl().c_str());
   listener_ = std::make_shared<SSRRequestListener>(requestCallBack());
   service_ = SSRServiceFactory::createSSRService();
   service_->setTraceId(logId());
-  service_->asyncCall(request_, listener_);
+  SsrSendPool::getInstance().post(
+      [request = request_, listener = listener_, service = service_, state = state_] {
+        if (state->cancelled)
+          return;  // the page went before its turn
+        const std::string& url = request->getUrl();
+        request->addHeader("kp-client-context", SSRClientInfo::getClientInfo()->toString());
+        std::string apiContext = ApiInfoHelper::getEncodedApiInfo(url);
+        if (!apiContext.empty())
+          request->addHeader("api-context", apiContext);
+        if (state->cancelled)
+          return;
+        service->asyncCall(request, listener);
+        state->sent = true;
+        if (state->cancelled)
+          tern::Singleton<gantry_ssr::SsrService>::getInstance().cancel(request);
+      });
 }
 
 }  // namespace velora

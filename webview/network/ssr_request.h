@@ -2,6 +2,7 @@
 #ifndef VELORA_WEBVIEW_NETWORK_SSR_REQUEST_H
 #define VELORA_WEBVIEW_NETWORK_SSR_REQUEST_H
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -38,7 +39,8 @@ class SSRRequestListener : public gantry_ssr::SsrListener, public SSRChunkedCach
 
 // Sends carry the client description ("kp-client-context") and, when the
 // page URL asks for it, the answers of local ability calls ("api-context").
-// SSR requests have no body, and once sent they run to their end.
+// SSR requests have no body. A send runs on the SsrSendPool, never on the
+// caller's thread: the ability calls and the first-chunk store may block.
 class SSRRequest : public NetRequest {
  public:
   explicit SSRRequest(std::shared_ptr<NetRequestCallBack> callback)
@@ -54,12 +56,22 @@ class SSRRequest : public NetRequest {
   void setHeader(const std::string& name, const std::string& value) override;
   void createRequestBody() override {}
   void setRequestBodyData(const unsigned char*, int, bool) override {}
+  // Returns at once; the request leaves from the send pool.
   void sendRequest() override;
-  void cancel() override {}
+  // Stops the call, whether it has left yet or not; the receiver hears
+  // nothing more. Also done by the destructor.
+  void cancel() override;
   std::string name() override { return "SSRRequest"; }
 
  private:
+  // Shared with the queued send, which outlives nothing it does not hold.
+  struct SendState {
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> sent{false};
+  };
+
   std::shared_ptr<gantry_ssr::SsrRequest> request_;
+  std::shared_ptr<SendState> state_ = std::make_shared<SendState>();
   std::shared_ptr<SSRRequestListener> listener_;
   // Keeps the service, and so a first-chunk handler, alive with the request.
   std::shared_ptr<SSRService> service_;

@@ -78,9 +78,15 @@ class SsrService {
 
   // Sends `request` and streams its answer to `listener`, which is kept
   // alive until its last event. Returns at once; events come on the
-  // carrier's thread. Redirects are delivered as they are.
+  // carrier's thread. Redirects are delivered as they are. The carrier's
+  // connect and idle timeouts apply.
   void asyncCall(const std::shared_ptr<SsrRequest>& request,
                  const std::shared_ptr<SsrListener>& listener);
+
+  // Stops the call of `request` if it has not ended: the transfer ends at
+  // once and its listener gets one onError. Any thread; a no-op for a call
+  // that has ended or never started.
+  void cancel(const std::shared_ptr<SsrRequest>& request);
 };
 
 }  // namespace gantry_ssr
