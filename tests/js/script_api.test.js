@@ -79,6 +79,7 @@ test('sdkInit applies and saves the remote configuration, with or without its ar
     sb.run(`velora.sdkInit();`);
     assert.deepEqual(JSON.parse(sb.store('InterceptManager', 'tessera_config')), {
       enable: 'false', whiteList: '["/api/"]', onlyMainHtml: '', interceptMimeType: '', methodList: '',
+      apiInfoAllowList: '',
     });
     const logged = sb.events('updateWhiteListConfig');
     assert.equal(logged.length, 1);

@@ -86,7 +86,8 @@ TEST(InterceptRemoteConfig, SwitchesFollowExactlyLowerCaseTrueAndTheSavedCopyHas
   initWithRemote(dir, {{"enable", "false"}});
   EXPECT_FALSE(manager().isInterceptEnable());
   auto saved = nlohmann::json::parse(store()->get("tessera_config").value());
-  EXPECT_EQ(saved, (nlohmann::json{{"enable", "false"},
+  EXPECT_EQ(saved, (nlohmann::json{{"apiInfoAllowList", ""},
+                                   {"enable", "false"},
                                    {"interceptMimeType", ""},
                                    {"methodList", ""},
                                    {"onlyMainHtml", ""},

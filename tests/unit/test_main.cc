@@ -24,6 +24,7 @@ class ResetBetweenTests : public ::testing::EmptyTestEventListener {
     policy.setInterceptMimeType(false);
     policy.setWhiteUrlList({});
     policy.setWhiteMethods({});
+    policy.setApiInfoAllowList({});
     tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
     gantry_ssr::setRules({});
     velora::SdkInitInfo::getInstance().setDebug(false);

@@ -23,6 +23,7 @@ constexpr char kKeyOnlyMainHtml[] = "onlyMainHtml";
 constexpr char kKeyInterceptMimeType[] = "interceptMimeType";
 constexpr char kKeyWhiteList[] = "whiteList";
 constexpr char kKeyMethodList[] = "methodList";
+constexpr char kKeyApiInfoAllowList[] = "apiInfoAllowList";
 constexpr char kStoreTesseraConfig[] = "tessera_config";
 constexpr char kStoreRuntimeUrls[] = "runtimeUrls";
 constexpr char kUnknown[] = "unkown";
@@ -55,6 +56,10 @@ void InterceptManager::update(const std::function<void(InterceptPolicy&)>& chang
   auto next = std::make_shared<InterceptPolicy>(*policy());
   change(*next);
   std::atomic_store(&policy_, std::shared_ptr<const InterceptPolicy>(std::move(next)));
+}
+
+void InterceptManager::setApiInfoAllowList(std::set<std::string> names) {
+  update([&names](InterceptPolicy& p) { p.apiInfoAllowList = std::move(names); });
 }
 
 void InterceptManager::setWhiteUrlList(std::list<std::string> urls) {
@@ -175,6 +180,12 @@ void InterceptManager::updateTesseraConfig(
   std::string methodText = getValue(kKeyMethodList);
   if (!methodText.empty())
     methods = updateListConfig("updateMethodConfig", methodText, enableText, from);
+  // Unlike the lists above, a configuration without it empties it: a name
+  // dropped from the remote list must stop being callable.
+  std::optional<std::list<std::string>> allowed;
+  std::string allowedText = getValue(kKeyApiInfoAllowList);
+  if (!allowedText.empty())
+    allowed = updateListConfig("updateApiInfoAllowList", allowedText, enableText, from);
   update([&](InterceptPolicy& p) {
     bool* switches[] = {&p.interceptEnable, &p.onlyMainHtml, &p.interceptMimeType};
     for (int i = 0; i < 3; ++i) {
@@ -185,6 +196,9 @@ void InterceptManager::updateTesseraConfig(
       p.whiteUrlList = std::move(*whiteList);
     if (methods)
       p.whiteMethods = std::move(*methods);
+    p.apiInfoAllowList.clear();
+    if (allowed)
+      p.apiInfoAllowList.insert(allowed->begin(), allowed->end());
   });
 }
 

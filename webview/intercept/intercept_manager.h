@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace velora {
@@ -22,12 +23,17 @@ struct InterceptPolicy {
   bool interceptMimeType = false;
   std::list<std::string> whiteUrlList;
   std::list<std::string> whiteMethods;
+  // "Ability.api" names a page URL may call through "api-info"; none by
+  // default. A link can be written by anyone, so only what the app maker
+  // lists here is ever run on a page's behalf.
+  std::set<std::string> apiInfoAllowList;
 
   // True when `url` contains an entry of the white URL list (byte-wise).
   bool isInWhiteList(const std::string& url) const;
   bool hasWhiteMethods() const { return !whiteMethods.empty(); }
   // True when `method` equals an entry exactly (case-sensitive).
   bool isInWhiteMethod(const std::string& method) const;
+  bool isApiInfoAllowed(const std::string& name) const { return apiInfoAllowList.count(name) > 0; }
 };
 
 // Set from the script thread and the configuration paths, read on the web
@@ -60,6 +66,7 @@ class InterceptManager {
   // Replace the whole list.
   void setWhiteUrlList(std::list<std::string> urls);
   void setWhiteMethods(std::list<std::string> methods);
+  void setApiInfoAllowList(std::set<std::string> names);
 
   bool isInWhiteList(const std::string& url) const { return policy()->isInWhiteList(url); }
   bool hasWhiteMethods() const { return policy()->hasWhiteMethods(); }

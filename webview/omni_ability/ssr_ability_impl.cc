@@ -1,5 +1,6 @@
 #include "omni_ability/ssr_ability_impl.h"
 
+#include <cctype>
 #include <mutex>
 
 #include "first_chunk/first_chunk_handler.h"
@@ -10,6 +11,7 @@
 #include "prefetch/prefetch_network.h"
 #include "tern/executor_service.h"
 #include "tern/time_utils.h"
+#include "tern/uri.h"
 #include "tide_logger/log.h"
 
 namespace velora {
@@ -21,12 +23,24 @@ omni::ExecuteResult urlEmpty() {
   return omni::ExecuteResult::error("INVALID_PARAM", "url empty");
 }
 
+// Only web pages are preloaded: any other scheme (file, gopher, dict, ...)
+// would let whoever wrote the URL read local files or reach raw ports.
+bool isWebUrl(const std::string& url) {
+  tern::URI uri = tern::URI::parseURL(url);
+  std::string scheme = uri.getScheme();
+  for (char& c : scheme)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return uri.isValid() && !uri.getHost().empty() && (scheme == "http" || scheme == "https");
+}
+
 // Receives a first-chunk preload and answers the operation. The prefetch is
 // never consumed by a page, so it is removed when it ends; its id is known
 // only once startPrefetch returns, which may be after the end. The status is
 // the server's: when a stored chunk was served first, the engine-facing 200
 // is not it.
-class PreloadOutcome final : public NetRequestCallBack, public SSRChunkedCacheRequestCallBack {
+class PreloadOutcome final : public NetRequestCallBack,
+                             public SSRChunkedCacheRequestCallBack,
+                             public std::enable_shared_from_this<PreloadOutcome> {
  public:
   PreloadOutcome(std::string url, omni::Ability::Callback callback)
       : url_(std::move(url)), callback_(std::move(callback)) {}
@@ -41,8 +55,14 @@ class PreloadOutcome final : public NetRequestCallBack, public SSRChunkedCacheRe
   }
   void onData(const unsigned char*, unsigned long) override {}
   void onFinish() override {
-    bool stored = FirstChunkStorage(url_).read(url_) != nullptr;
-    end(omni::ExecuteResult::success({{"status", status_}, {"stored", stored}}, status_));
+    // The chunk is written on the "Velora" executor, posted when its marker
+    // came: asked there, after it, the store has the answer.
+    int status = status_;
+    auto self = shared_from_this();
+    tern::ExecutorService::of("Velora", TERN_HERE).post(tern::Fiber([self, status] {
+      bool stored = FirstChunkStorage(self->url_).read(self->url_) != nullptr;
+      self->end(omni::ExecuteResult::success({{"status", status}, {"stored", stored}}, status));
+    }));
   }
   void onError(int code, ArkWeb_NetError, const std::string& message) override {
     end(omni::ExecuteResult::error(std::to_string(code), message, status_));
@@ -101,6 +121,16 @@ void SSRAbility::preloadFirstChunk(std::shared_ptr<omni::AbilityContext>,
                                    Callback callback) {
   if (params.url.empty())
     return callback(urlEmpty());
+  if (!isWebUrl(params.url)) {
+    tide::Log::build(tide::kError, kLogTag)
+        .event("preloadFirstChunk")
+        .key("url")
+        .value(params.url)
+        .key("msg")
+        .value("refused: not an http or https URL")
+        .done();
+    return callback(omni::ExecuteResult::error("INVALID_PARAM", "url is not http or https"));
+  }
   tide::Log::build(tide::kInfo, kLogTag)
       .event("preloadFirstChunk")
       .key("url")
@@ -127,33 +157,34 @@ void SSRAbility::setFirstChunkCache(std::shared_ptr<omni::AbilityContext> contex
   const std::string url = context ? context->getDataFromUserDataMap(kPageUrlKey) : std::string();
   if (url.empty())
     return callback(urlEmpty());
-  std::shared_ptr<FirstChunkContext> record = FirstChunkStorage(url).read(url);
-  if (!record) {
-    // A new record is one the caller vouches for: enabled, under the page's
-    // own query rule.
-    record = std::make_shared<FirstChunkContext>();
-    record->setUrl(url);
-    record->setEnable(true);
-    record->setRule(UrlParser(url).getQuery("fcc_match_query"));
-  }
   auto entry = tide::Log::build(tide::kInfo, kLogTag);
   entry.event("setFirstChunkCache").key("url").value(url);
-  if (record->getExpiredTime() == 0) {
-    record->setExpiredTime(static_cast<double>(tern::currentTimeMillis()) +
-                           FirstChunkHandler::kDefaultLifetimeMs);
-  }
-  if (params.expireTime) {
-    record->setExpiredTime(static_cast<double>(*params.expireTime));
+  if (params.expireTime)
     entry.key("expireTime").value(static_cast<long long>(*params.expireTime));
-  }
-  if (params.version)
-    record->setVersion(*params.version);
-  record->setHtml(params.html);
   entry.done();
-  // The store is never written on the caller's thread.
+  // The store is never read or written on the caller's thread.
   tern::ExecutorService::of("Velora", TERN_HERE)
-      .post(tern::Fiber([url, record, callback = std::move(callback)] {
-        if (FirstChunkStorage(url).write(record))
+      .post(tern::Fiber([url, params, callback = std::move(callback)] {
+        FirstChunkStorage storage(url);
+        std::shared_ptr<FirstChunkContext> record = storage.read(url);
+        if (!record) {
+          // A new record is one the caller vouches for: enabled, under the
+          // page's own query rule.
+          record = std::make_shared<FirstChunkContext>();
+          record->setUrl(url);
+          record->setEnable(true);
+          record->setRule(UrlParser(url).getQuery("fcc_match_query"));
+        }
+        if (record->getExpiredTime() == 0) {
+          record->setExpiredTime(static_cast<double>(tern::currentTimeMillis()) +
+                                 FirstChunkHandler::kDefaultLifetimeMs);
+        }
+        if (params.expireTime)
+          record->setExpiredTime(static_cast<double>(*params.expireTime));
+        if (params.version)
+          record->setVersion(*params.version);
+        record->setHtml(params.html);
+        if (storage.write(record))
           callback(omni::ExecuteResult::success());
         else
           callback(omni::ExecuteResult::error("WRITE_FAIL", "write fail"));
