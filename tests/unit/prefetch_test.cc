@@ -133,6 +133,25 @@ TEST(PrefetchRequestCache, ARecordedErrorIsReplayedWithItsValuesAndLogged) {
   EXPECT_EQ(replayed[0]["fields"]["errorMsg"], "reset");
 }
 
+TEST(PrefetchRequestCache, EventsAfterTheEndAreNeverReplayed) {
+  const std::string chunk = "after the end";
+  for (bool failed : {false, true}) {
+    auto cache = newCache();
+    cache->onResponse(200, {});
+    if (failed)
+      cache->onError(56, ARKWEB_ERR_FAILED, "reset");
+    else
+      cache->onFinish();
+    // A carrier that goes on after its end.
+    cache->onData(bytes(chunk), chunk.size());
+    cache->onFinish();
+    auto consumer = std::make_shared<Recorder>();
+    ASSERT_TRUE(cache->consume(consumer));
+    EXPECT_EQ(consumer->calls, failed ? "RE" : "RF");
+    EXPECT_EQ(consumer->body, "");
+  }
+}
+
 TEST(PrefetchRequestCache, AClaimRacingLiveChunksNeverLosesOrRepeatsOne) {
   std::mt19937 random(20261122);
   for (int round = 0; round < 1000; ++round) {

@@ -1,5 +1,8 @@
 #include "prefetch/prefetch_request_cache.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "log_tags.h"
 #include "network/buffer.h"
 #include "tide_logger/log.h"
@@ -36,6 +39,12 @@ void PrefetchRequestCache::recordOrForward(PrefetchCacheEventType type,
       ended = std::move(consumer_);
     return;
   }
+  // A carrier that goes on after its end is not recorded: a consumer gets
+  // exactly one end, and nothing after it.
+  if (recordingEnded_)
+    return;
+  if (type == FINISH || type == ERROR)
+    recordingEnded_ = true;
   events_.push_back(std::make_shared<PrefetchCacheEvent>(type, params()));
 }
 
@@ -110,8 +119,12 @@ bool PrefetchRequestCache::consume(std::shared_ptr<NetRequestCallBack> callback)
       PrefetchCacheEventType type = events_.front()->getEventType();
       replayed.push_back(std::move(events_.front()));
       events_.pop_front();
-      if (type == FINISH || type == ERROR)
+      if (type == FINISH || type == ERROR) {
+        // The consumer is let go at its end; whatever follows is not replayed.
         ended = std::move(consumer_);
+        std::move(events_.begin(), events_.end(), std::back_inserter(replayed));
+        events_.clear();
+      }
     }
     recordedBytes_ = 0;
   }

@@ -58,6 +58,7 @@ class PrefetchRequestCache final : public NetRequestCallBack {
   std::atomic<bool> hasConsumed_{false};                    // written under mutex_
   std::deque<std::shared_ptr<PrefetchCacheEvent>> events_;  // guarded by mutex_
   unsigned long recordedBytes_ = 0;                         // guarded by mutex_
+  bool recordingEnded_ = false;  // a FINISH or ERROR was recorded; guarded by mutex_
   std::mutex mutex_;
 };
 
