@@ -14,6 +14,7 @@
 #include "arkweb/engine_internal.h"
 #include "flume/flume.h"
 #include "hilog/log.h"
+#include "tern/host_config.h"
 #include "web/arkweb_interface.h"
 
 namespace arkweb_host {
@@ -692,6 +693,8 @@ void waitIdle() {
   }
   ioThread().waitIdle();
   workerThread().waitIdle();
+  // Background writes (stores, first chunks) the loads left behind.
+  tern::waitAllExecutorsIdle();
 }
 
 }  // namespace arkweb_host

@@ -1,5 +1,6 @@
 // Host tern::ExecutorService: one worker thread per executor name.
 #include "tern/executor_service.h"
+#include "tern/host_config.h"
 
 #include <condition_variable>
 #include <cstdlib>
@@ -139,6 +140,16 @@ void ExecutorService::post(Fiber fiber) const {
 
 void ExecutorService::waitIdle() const {
   pool_->waitIdle();
+}
+
+void waitAllExecutorsIdle() {
+  std::map<std::string, std::shared_ptr<ExecutorPool>> pools;
+  {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    pools = registry().pools;
+  }
+  for (auto& entry : pools)
+    entry.second->waitIdle();
 }
 
 }  // namespace tern

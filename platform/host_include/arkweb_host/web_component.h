@@ -101,8 +101,8 @@ class WebComponent {
   virtual void destroy() = 0;
 };
 
-// Waits until every load started so far has ended and the engine's threads
-// are idle.
+// Waits until every load started so far has ended, the engine's threads are
+// idle and the background work the loads posted has run.
 void waitIdle();
 
 }  // namespace arkweb_host

@@ -2,6 +2,7 @@
 #ifndef TERN_HOST_CONFIG_H
 #define TERN_HOST_CONFIG_H
 
+#include <cstdint>
 #include <string>
 
 namespace tern {
@@ -10,6 +11,14 @@ namespace tern {
 // $VELORA_DATA_DIR/store.db), waiting at most `busyTimeoutMs` for a lock held
 // by another connection.
 void useDatabase(const std::string& path, int busyTimeoutMs = 2000);
+
+// currentTimeMillis() answers `ms` from now on, until clearFixedTime(): for
+// tests of expiry boundaries, which a moving clock cannot hit exactly.
+void fixTimeMillis(int64_t ms);
+void clearFixedTime();
+
+// Blocks until every task posted so far to every executor has run.
+void waitAllExecutorsIdle();
 
 }  // namespace tern
 
