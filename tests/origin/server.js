@@ -97,13 +97,32 @@ function fccRest(name, size) {
 //   wait=MS (0)            render time before the status line and the first chunk
 //   delay=MS (50)          between the first chunk and the rest
 //   size=N (2048)          bytes of the rest; piece=S writes it in pieces of S bytes
-// A request with "x-s-first-chunk: true" gets the first chunk alone.
+//   marker=0               the page carries no marker (an error page, a new template)
+//   pad=N                  N filler bytes before the marker: a first chunk that large
+//   latin1=1               the first chunk and the version hold bytes that are not UTF-8
+//   cut=N                  the connection is reset after N bytes of the rest
+//   stall=1                after the first chunk nothing more is sent
+//   every=MS               MS ms between the pieces of the rest
+// A request with "x-s-first-chunk: true" gets the first chunk alone. Body
+// bytes written are counted under the path, as for /bytes.
+
 const fccRestCache = new Map();
+function fccHead(name, version, q) {
+  let head = fccFirstChunk(name, version);
+  if (q.has('pad')) {
+    const pad = `<!--${'p'.repeat(Math.max(0, Number(q.get('pad'))))}-->`;
+    head = head.slice(0, -FCC_MARKER.length) + pad + FCC_MARKER;
+  }
+  if (q.get('marker') === '0') head = head.slice(0, -FCC_MARKER.length);
+  // Latin-1 bytes: "é" is 0xE9 alone, never valid UTF-8.
+  return Buffer.from(head, q.get('latin1') ? 'latin1' : 'utf8');
+}
+
 function renderFcc(req, res, url, num) {
   const q = url.searchParams;
   const name = url.pathname.slice('/fcc/'.length) || 'page';
-  const version = q.get('version') || '1';
-  const headers = { 'Content-Type': 'text/html; charset=utf-8', 'fcc-version': version };
+  const version = (q.get('version') || '1') + (q.get('latin1') ? '\u00e9' : '');
+  const headers = { 'Content-Type': 'text/html; charset=utf-8' };
   if (q.get('enable') !== 'omit') headers['fcc-enable'] = q.get('enable') || 'true';
   if (q.has('rule')) headers['fcc-url-query-rule'] = q.get('rule');
   if (q.has('expire')) headers['fcc-expire-time'] = q.get('expire');
@@ -114,17 +133,32 @@ function renderFcc(req, res, url, num) {
   const rest = fccRestCache.get(restKey);
   const piece = num('piece', 0) > 0 ? num('piece', 0) : rest.length || 1;
   const justFirstChunk = req.headers['x-s-first-chunk'] === 'true';
+  const cut = num('cut', -1);
+  let gone = false;
+  res.on('close', () => { gone = true; });
+  const count = (n) => sentBytes.set(url.pathname, (sentBytes.get(url.pathname) || 0) + n);
   setTimeout(() => {
-    res.writeHead(200, headers);
-    res.write(fccFirstChunk(name, version));
+    if (gone) return undefined;
+    const head = fccHead(name, version, q);
+    // Header values go out as Latin-1: "é" is the single byte 0xE9.
+    res.writeHead(200, { ...headers, 'fcc-version': version });
+    res.write(head);
+    count(head.length);
     if (justFirstChunk) return res.end();
+    if (q.get('stall') === '1') return undefined;
     return setTimeout(() => {
       let sent = 0;
       const writeMore = () => {
         while (sent < rest.length) {
-          const part = rest.subarray(sent, Math.min(rest.length, sent + piece));
+          if (gone) return undefined;
+          if (cut >= 0 && sent >= cut) return setTimeout(() => req.socket.resetAndDestroy(), 50);
+          const end = Math.min(rest.length, sent + piece, cut >= 0 ? Math.max(cut, sent + 1) : Infinity);
+          const part = rest.subarray(sent, end);
           sent += part.length;
-          if (!res.write(part)) return res.once('drain', writeMore);
+          count(part.length);
+          const ok = res.write(part);
+          if (num('every', 0) > 0 && sent < rest.length) return setTimeout(writeMore, num('every', 0));
+          if (!ok) return res.once('drain', writeMore);
         }
         return res.end();
       };

@@ -11,6 +11,8 @@
 #include "first_chunk/first_chunk_storage.h"
 #include "network/ssr_chunked_cache_request_callback.h"
 #include "tern/cache_service.h"
+#include "tern/executor_service.h"
+#include "tern/host_config.h"
 #include "tern/time_utils.h"
 #include "test_support.h"
 #include "tide_logger/log.h"
@@ -95,6 +97,8 @@ std::shared_ptr<Recorder> visit(const std::string& url,
   for (const auto& piece : pieces)
     handler->onReceiveData(request, piece);
   handler->onFinish(request);
+  // The store is written in the background.
+  tern::ExecutorService::of("Velora", TERN_HERE).waitIdle();
   return recorder;
 }
 
@@ -238,20 +242,81 @@ TEST(FirstChunkStorage, BrokenOrUnusableRecordsAreNeverServed) {
   store->put(storage.getStorageKey(), "{}");
   EXPECT_FALSE(storage.read(page));
 
-  // Corrupt text and wrong member types: logged, never thrown, and a write
-  // under the key fails too until the key is removed.
-  for (const char* corrupt : {"{not json", "[1,2]", R"({"":{"fcc-url":7}})"}) {
+  // Corrupt values (a crash, an older run, another process): logged, never
+  // thrown, and the next good write replaces them.
+  for (std::string corrupt :
+       {"{not json", "[1,2]", "5", "\xff\xfe{\"\":1}", R"({"":{"fcc-url":7}})"}) {
+    log.clear();
     store->put(storage.getStorageKey(), corrupt);
     EXPECT_FALSE(storage.read(page)) << corrupt;
+    EXPECT_EQ(log.find("readFail", "Velora/first_chunk_storage").size(), 1u) << corrupt;
+    EXPECT_TRUE(storage.write(record(page, "<p>good"))) << corrupt;
+    ASSERT_TRUE(storage.read(page)) << corrupt;
+    EXPECT_EQ(storage.read(page)->getHtml(), "<p>good");
+    EXPECT_TRUE(log.find("writeFail").empty());
   }
-  EXPECT_EQ(log.find("readFail", "Velora/first_chunk_storage").size(), 3u);
-  store->put(storage.getStorageKey(), "{not json");
-  EXPECT_FALSE(storage.write(record(page, "<p>")));
-  ASSERT_EQ(log.find("writeFail").size(), 1u);
-  EXPECT_NE(log.find("writeFail").at(0)["fields"]["what"], "");
-  storage.remove();
-  EXPECT_TRUE(storage.write(record(page, "<p>")));
-  EXPECT_TRUE(storage.read(page));
+  // One broken record does not hide a good one under the same key.
+  store->put(storage.getStorageKey(),
+             R"({"":5,"b":{"fcc-enable":true,"fcc-html":"<p>b","fcc-url-query-rule":"b",)"
+             R"("fcc-version":"1","html-byte-size":4,"fcc-url":"https://h.example/broken",)"
+             R"("fcc-expire-time":1e15}})");
+  ASSERT_TRUE(storage.read(page));
+  EXPECT_EQ(storage.read(page)->getHtml(), "<p>b");
+}
+
+TEST(FirstChunkStorage, BytesThatAreNotUtf8AreStoredByteExact) {
+  const std::string page = "https://h.example/latin1";
+  FirstChunkStorage storage(page);
+  // GBK "中文" and Latin-1 "é": neither is UTF-8.
+  const std::string html = "<p>\xd6\xd0\xce\xc4 caf\xe9</p>" + kMarker;
+  tide::LogCapture log;
+  ASSERT_TRUE(storage.write(record(page, html, "v\xe9")));
+  auto stored = storage.read(page);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->getHtml(), html);
+  EXPECT_EQ(stored->getVersion(), "v\xe9");
+  // Records written before the encoding existed still read.
+  EXPECT_TRUE(log.find("writeFail").empty());
+}
+
+TEST(FirstChunkStorage, LargeChunksAreRefusedAndLogsNeverCarryTheChunk) {
+  const std::string page = "https://h.example/large";
+  FirstChunkStorage storage(page);
+  tide::LogCapture log;
+  const std::string fits(FirstChunkStorage::kMaxHtmlBytes, 'x');
+  ASSERT_TRUE(storage.write(record(page, fits)));
+  ASSERT_TRUE(storage.read(page));
+  EXPECT_FALSE(storage.write(record(page, fits + "y")));
+  EXPECT_EQ(log.find("tooLarge").size(), 1u);
+  EXPECT_EQ(storage.read(page)->getHtml(), fits);
+  for (const auto& entry : log.entries())
+    EXPECT_LT(entry.dump().size(), 4096u) << entry["event"];
+}
+
+TEST(FirstChunkStorage, ExpiredPagesAreSweptAndTheStoreIsCapped) {
+  auto page = [](int i) { return "https://h.example/swept/" + std::to_string(i); };
+  const double now = static_cast<double>(tern::currentTimeMillis());
+  ASSERT_TRUE(FirstChunkStorage(page(0)).write(record(page(0), "<p>old", "1", "", now - 1000)));
+  ASSERT_TRUE(FirstChunkStorage(page(1)).write(record(page(1), "<p>new", "1", "", now + 60000)));
+  FirstChunkStorage::sweep();
+  EXPECT_FALSE(storedValue(FirstChunkStorage(page(0)).getStorageKey()));
+  EXPECT_TRUE(FirstChunkStorage(page(1)).read(page(1)));
+
+  // Past the cap, the pages that expire soonest make room; the newest write
+  // always stays.
+  for (size_t i = 2; i < FirstChunkStorage::kMaxPages + 12; ++i) {
+    ASSERT_TRUE(FirstChunkStorage(page(i)).write(record(page(i), "<p>", "1", "", now + 1e6 + i)));
+  }
+  auto index = nlohmann::json::parse(*storedValue(FirstChunkStorage::kIndexKey));
+  EXPECT_LE(index.size(), FirstChunkStorage::kMaxPages);
+  EXPECT_FALSE(storedValue(FirstChunkStorage(page(1)).getStorageKey()));  // expired soonest
+  EXPECT_TRUE(
+      storedValue(FirstChunkStorage(page(FirstChunkStorage::kMaxPages + 11)).getStorageKey()));
+  for (size_t i = 0; i < FirstChunkStorage::kMaxPages + 12; ++i)
+    FirstChunkStorage(page(i)).remove();
+  index = nlohmann::json::parse(*storedValue(FirstChunkStorage::kIndexKey));
+  for (const auto& [key, expiry] : index.items())
+    EXPECT_EQ(key.find("/swept/"), std::string::npos) << key;
 }
 
 TEST(FirstChunkStorage, TwoWritersOfOneKeyLeaveAReadableEntry) {
@@ -276,11 +341,12 @@ TEST(FirstChunkStorage, TwoWritersOfOneKeyLeaveAReadableEntry) {
 TEST(FirstChunkContext, ExpiresAfterItsLastMillisecondAndPrintsForLogs) {
   FirstChunkContext context;
   EXPECT_EQ(context.getVersion(), "0");
-  int64_t now = tern::currentTimeMillis();
-  context.setExpiredTime(static_cast<double>(now + 1000));
-  EXPECT_FALSE(context.isExpired());
-  context.setExpiredTime(static_cast<double>(now - 1));
+  context.setExpiredTime(1700000000000.0);
+  tern::fixTimeMillis(1700000000000);
+  EXPECT_FALSE(context.isExpired());  // its last millisecond
+  tern::fixTimeMillis(1700000000001);
   EXPECT_TRUE(context.isExpired());
+  tern::clearFixedTime();
 
   context.setEnable(true);
   context.setUrl("u");
@@ -291,6 +357,9 @@ TEST(FirstChunkContext, ExpiresAfterItsLastMillisecondAndPrintsForLogs) {
   EXPECT_EQ(context.toString(),
             "{\"enable\"=1,\"url\"=u,\"rule\"=r,\"version\"=v,\"expiredTime\"=1.500000,"
             "\"html\"=<p>}");
+  EXPECT_EQ(context.toLogString(),
+            "{\"enable\"=1,\"url\"=u,\"rule\"=r,\"version\"=v,\"expiredTime\"=1.500000,"
+            "\"html\"=3 bytes, fnv1a 6fde8c182feba3fd}");
 }
 
 TEST(FirstChunkHandler, ResponseHeadersAreReadExactly) {
@@ -410,12 +479,76 @@ TEST(FirstChunkHandler, WithoutAUsableChunkTheLiveResponsePassesAndIsStored) {
   ASSERT_EQ(request.size(), 1u);
   EXPECT_EQ(request[0]["fields"]["fccExpired"], true);
 
-  // A marker that never comes: nothing stored, and with a chunk in use the
-  // live body is swallowed.
-  auto noMarker = visit(page, fccHeaders("3"), {"<html>no marker here</html>"});
-  EXPECT_EQ(noMarker->body, firstChunk("3"));
-  EXPECT_EQ(FirstChunkStorage(page).read(page)->getHtml(), firstChunk("3"));
-  auto staleNoMarker = visit(page, fccHeaders("4"), {"<html>no marker here</html>"});
-  EXPECT_EQ(staleNoMarker->body, firstChunk("3"));
-  EXPECT_EQ(FirstChunkStorage(page).read(page)->getVersion(), "3");
+  // A marker that never comes (an error page, a new template), with the
+  // version the same or new: the served chunk is undone, the whole live page
+  // follows, and the record that no longer fits goes.
+  const std::string errorPage = "<html>no marker here</html>";
+  for (const char* version : {"3", "4"}) {
+    ASSERT_TRUE(FirstChunkStorage(page).write(record(page, firstChunk("3"), "3")));
+    auto noMarker = visit(page, fccHeaders(version), split(errorPage, {4}));
+    EXPECT_EQ(noMarker->body,
+              firstChunk("3") + FirstChunkHandler::getInvalidateScriptData() + errorPage)
+        << version;
+    EXPECT_EQ(noMarker->finishes, 1);
+    EXPECT_FALSE(FirstChunkStorage(page).read(page)) << version;
+  }
+  // With nothing stored, a page without a marker passes as it comes.
+  EXPECT_EQ(visit(page, fccHeaders("3"), {errorPage})->body, errorPage);
+}
+
+TEST(FirstChunkHandler, AMarkerlessPageIsNeverHeldBackBeyondTheLargestChunk) {
+  const std::string page = "https://h.example/endless";
+  const std::string piece(64 * 1024, 'z');
+  const size_t pieces = FirstChunkStorage::kMaxHtmlBytes / piece.size() + 4;
+  for (bool served : {false, true}) {
+    FirstChunkStorage(page).remove();
+    if (served) {
+      ASSERT_TRUE(FirstChunkStorage(page).write(record(page, firstChunk("1"))));
+    }
+    auto recorder = std::make_shared<Recorder>();
+    auto handler = std::make_shared<FirstChunkHandler>(recorder);
+    auto request = std::make_shared<gantry_ssr::SsrRequest>(page);
+    handler->onSendRequest(request);
+    handler->onResponse(request, 200, fccHeaders("1"));
+    size_t heldBackAtMost = 0;
+    for (size_t i = 0; i < pieces; ++i) {
+      handler->onReceiveData(request, piece);
+      const size_t given = recorder->body.size() - (served ? firstChunk("1").size() : 0);
+      heldBackAtMost = std::max(heldBackAtMost,
+                                (i + 1) * piece.size() - std::min(given, (i + 1) * piece.size()));
+    }
+    // Past the limit everything so far has reached the engine, in order.
+    EXPECT_LE(heldBackAtMost, FirstChunkStorage::kMaxHtmlBytes + piece.size()) << served;
+    std::string expected =
+        served ? firstChunk("1") + FirstChunkHandler::getInvalidateScriptData() : "";
+    for (size_t i = 0; i < pieces; ++i)
+      expected += piece;
+    EXPECT_EQ(recorder->body, expected) << served;
+    handler->onFinish(request);
+    tern::ExecutorService::of("Velora", TERN_HERE).waitIdle();
+    EXPECT_EQ(recorder->body, expected) << served;
+    EXPECT_FALSE(FirstChunkStorage(page).read(page)) << served;
+  }
+}
+
+TEST(FirstChunkHandler, ALiveFailureStoresAndRemovesNothing) {
+  const std::string page = "https://h.example/failing";
+  const std::string live = firstChunk("2") + kRest;
+  // After the response, then in the middle of the body, past the marker.
+  for (size_t cut : {size_t{0}, live.size() / 2}) {
+    ASSERT_TRUE(FirstChunkStorage(page).write(record(page, firstChunk("1"), "1")));
+    auto recorder = std::make_shared<Recorder>();
+    auto handler = std::make_shared<FirstChunkHandler>(recorder);
+    auto request = std::make_shared<gantry_ssr::SsrRequest>(page);
+    handler->onSendRequest(request);
+    handler->onResponse(request, 200, fccHeaders("1"));
+    if (cut > 0)
+      handler->onReceiveData(request, live.substr(0, cut));
+    handler->onError(request, std::make_shared<gantry_ssr::SsrResponse>(56, "reset"));
+    tern::ExecutorService::of("Velora", TERN_HERE).waitIdle();
+    EXPECT_EQ(recorder->errors, 1);
+    auto stored = FirstChunkStorage(page).read(page);
+    ASSERT_TRUE(stored) << cut;
+    EXPECT_EQ(stored->getHtml(), firstChunk("1")) << cut;
+  }
 }

@@ -4,11 +4,41 @@
 
 #include "first_chunk/first_chunk_manager.h"
 #include "tern/singleton.h"
+#include "test_support.h"
 
 using velora::SSRClientInfo;
 
-TEST(SSRClientInfo, HeaderTextBeforeAndAfterTheScriptSetsValues) {
-  EXPECT_EQ(SSRClientInfo::getClientInfo()->toString(), "w=0&h=0&ls=0&sh=0&dpr=0.000000&dl=0");
+namespace {
+
+// Puts the process-wide values back however the test ends.
+struct RestoreClientState {
+  ~RestoreClientState() {
+    SSRClientInfo::setWidth(0);
+    SSRClientInfo::setHeight(0);
+    SSRClientInfo::setSafeAreaHeight(0);
+    SSRClientInfo::setDeviceRatio(0);
+    SSRClientInfo::setLandscape(false);
+    tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
+  }
+};
+
+}  // namespace
+
+// The defaults as a fresh process has them: in this one, earlier tests (and
+// the reset between tests) have written them.
+VELORA_CHILD(ClientStateDefaults) {
+  bool clientInfo =
+      SSRClientInfo::getClientInfo()->toString() == "w=0&h=0&ls=0&sh=0&dpr=0.000000&dl=0";
+  bool fccOff = !tern::Singleton<velora::FirstChunkManager>::getInstance().isEnable();
+  return clientInfo && fccOff ? 0 : 1;
+}
+
+TEST(SSRClientInfo, AFreshProcessDescribesNoScreenAndKeepsTheCacheOff) {
+  EXPECT_EQ(velora_test::runChild("ClientStateDefaults"), 0);
+}
+
+TEST(SSRClientInfo, HeaderTextFollowsTheScriptsValuesAndRecordsAreSnapshots) {
+  RestoreClientState restore;
   auto before = SSRClientInfo::getClientInfo();
   SSRClientInfo::setWidth(1260);
   SSRClientInfo::setHeight(2720);
@@ -21,9 +51,10 @@ TEST(SSRClientInfo, HeaderTextBeforeAndAfterTheScriptSetsValues) {
   EXPECT_EQ(before->width(), 0);
 }
 
-TEST(FirstChunkManager, OneSwitchForTheProcessOffByDefault) {
-  auto& manager = tern::Singleton<velora::FirstChunkManager>::getInstance();
-  EXPECT_FALSE(manager.isEnable());
-  manager.setEnable(true);
+TEST(FirstChunkManager, OneSwitchForTheProcess) {
+  RestoreClientState restore;
+  tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(true);
   EXPECT_TRUE(tern::Singleton<velora::FirstChunkManager>::getInstance().isEnable());
+  tern::Singleton<velora::FirstChunkManager>::getInstance().setEnable(false);
+  EXPECT_FALSE(tern::Singleton<velora::FirstChunkManager>::getInstance().isEnable());
 }

@@ -2,10 +2,19 @@
 // WebRequest -> SSR carrier (-> first-chunk handler) -> gateway -> origin.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <sqlite3.h>
 #include <atomic>
 #include <condition_variable>
 #include <fstream>
+#include <future>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "analytics/host_config.h"
 #include "bound_page.h"
@@ -14,8 +23,10 @@
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/first_chunk_storage.h"
 #include "first_chunk/ssr_client_info.h"
+#include "flume/host_config.h"
 #include "gantry_ssr/host_config.h"
 #include "gantry_ssr/ssr_service.h"
+#include "intercept/intercept_manager.h"
 #include "network/net_service.h"
 #include "omni/ability.h"
 #include "omni/ability_registry.h"
@@ -267,30 +278,96 @@ TEST_F(SsrPath, TheSwitchDecidesForTheNextRequest) {
   EXPECT_EQ(cacheTypes(), (std::vector<int>{0}));
 }
 
-TEST_F(SsrPath, ApiInfoAnswersTravelInTheApiContextHeader) {
-  ASSERT_TRUE(omni::AbilityRegistry::loadAbility("", "SSRAbility"));
-  BoundPage page("ssr");
-  auto apiInfo = [](const std::string& json) {
+// An ability the tests allow a page to call: "echo" answers the page URL and
+// its parameters; "block" holds its caller until release(); "silent" never
+// answers.
+class ProbeAbility final : public omni::Ability {
+ public:
+  void execute(const std::string& api,
+               std::shared_ptr<omni::AbilityContext> context,
+               const omni::AbilityData& data,
+               Callback callback) override {
+    if (api == "echo") {
+      callback(omni::ExecuteResult::success(
+          {{"page", context->getDataFromUserDataMap(velora::kPageUrlKey)},
+           {"params", data.getData()}}));
+    } else if (api == "block") {
+      std::unique_lock<std::mutex> lock(mutex_);
+      entered_ = true;
+      changed_.notify_all();
+      changed_.wait_for(lock, std::chrono::seconds(10), [this] { return released_; });
+      callback(omni::ExecuteResult::success());
+    } else if (api != "silent") {
+      callback(omni::ExecuteResult::error("NOT_SUPPORTED", api));
+    }
+  }
+  bool waitUntilBlocking() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(5), [this] { return entered_; });
+  }
+  void release() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    released_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool entered_ = false;
+  bool released_ = false;
+};
+
+class SsrApiInfo : public SsrPath {
+ protected:
+  void SetUp() override {
+    SsrPath::SetUp();
+    omni::AbilityRegistry::registerAbility("Probe", probe_);
+    ASSERT_TRUE(omni::AbilityRegistry::loadAbility("", "SSRAbility"));
+  }
+  void TearDown() override {
+    probe_->release();
+    omni::AbilityRegistry::registerAbility("Probe", nullptr);
+    velora::InterceptManager::getInstance().setApiInfoAllowList({});
+    SsrPath::TearDown();
+  }
+  static std::string apiInfo(const std::string& json) {
     return tern::string_utils::urlEncode(tern::base64::encode(json));
-  };
+  }
+  // The api-context answers the origin saw for a load of /headers.
+  static nlohmann::json answers(const LoadResult& result) {
+    auto sent = nlohmann::json::parse(result.body);
+    return sent.contains("api-context") ? nlohmann::json::parse(urlDecode(sent["api-context"]))
+                                        : nlohmann::json();
+  }
+
+  std::shared_ptr<ProbeAbility> probe_ = std::make_shared<ProbeAbility>();
+};
+
+TEST_F(SsrApiInfo, OnlyAllowedCallsRunAndAnswersTravelInTheApiContextHeader) {
+  velora::InterceptManager::getInstance().setApiInfoAllowList(
+      {"Probe.echo", "SSRAbility.setFirstChunkCache"});
+  BoundPage page("ssr");
   const std::string requests =
-      R"([["SSRAbility.removeFirstChunkCache",{}],["nodot",{}],["one.only"],)"
+      R"([["Probe.echo",{"a":1}],["Probe.other",{}],["nodot",{}],["one.only"],)"
       R"(["Missing.api",[1,2]],7])";
   tide::LogCapture log;
-  LoadResult result = page.load(origin_.url("/headers?api-info=" + apiInfo(requests)));
+  const std::string url = origin_.url("/headers?api-info=" + apiInfo(requests));
+  LoadResult result = page.load(url);
   ASSERT_EQ(result.status, 200);
-  auto sent = nlohmann::json::parse(result.body);
-  ASSERT_TRUE(sent.contains("api-context"));
-  auto answers = nlohmann::json::parse(urlDecode(sent["api-context"]));
-  ASSERT_EQ(answers.size(), 2u) << answers.dump();
-  EXPECT_EQ(answers[0][0], "SSRAbility.removeFirstChunkCache");
-  EXPECT_EQ(answers[0][2]["type"], "result");
-  EXPECT_EQ(answers[1][0], "Missing.api");
-  EXPECT_EQ(answers[1][1], nlohmann::json::parse("[1,2]"));
-  EXPECT_EQ(answers[1][2]["code"], "NOT_FOUND");
+  auto sent = answers(result);
+  ASSERT_EQ(sent.size(), 3u) << sent.dump();
+  EXPECT_EQ(sent[0][0], "Probe.echo");
+  EXPECT_EQ(sent[0][2]["type"], "result");
   // The ability saw the page that asked.
-  EXPECT_EQ(log.find("removeFirstChunkCache", "Velora/ssr_ability").at(0)["fields"]["url"],
-            origin_.url("/headers?api-info=" + apiInfo(requests)));
+  EXPECT_EQ(sent[0][2]["data"]["page"], url);
+  EXPECT_EQ(sent[0][2]["data"]["params"]["a"], 1);
+  for (int i : {1, 2}) {
+    EXPECT_EQ(sent[i][2]["type"], "error") << sent[i];
+    EXPECT_EQ(sent[i][2]["code"], "NOT_ALLOWED") << sent[i];
+  }
+  EXPECT_EQ(sent[2][1], nlohmann::json::parse("[1,2]"));
+  EXPECT_EQ(log.find("refused", "Velora/api_info").size(), 2u);
   EXPECT_TRUE(log.find("exception").empty());
 
   // Malformed fields: no header, one entry each, and the page still loads.
@@ -302,6 +379,102 @@ TEST_F(SsrPath, ApiInfoAnswersTravelInTheApiContextHeader) {
     EXPECT_FALSE(nlohmann::json::parse(bad.body).contains("api-context")) << field;
     EXPECT_EQ(log.find("exception", "Velora/api_info").size(), 1u) << field;
   }
+}
+
+TEST_F(SsrApiInfo, ALinkCanNeitherWriteAFirstChunkNorFetchAnotherScheme) {
+  // Even listed by mistake, the SSR ability's operations never run from a URL.
+  velora::InterceptManager::getInstance().setApiInfoAllowList(
+      {"SSRAbility.setFirstChunkCache", "SSRAbility.preloadFirstChunk"});
+  BoundPage page("ssr");
+  const std::string injected = "<script>alert('injected')</script>";
+  // A listener that must never see a byte: what gopher:// or dict:// would reach.
+  int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(listener, 4), 0);
+  socklen_t length = sizeof(address);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  const std::string port = std::to_string(ntohs(address.sin_port));
+  const std::string requests = R"([["SSRAbility.setFirstChunkCache",{"html":")" + injected +
+                               R"("}],)"
+                               R"(["SSRAbility.preloadFirstChunk",{"url":"gopher://127.0.0.1:)" +
+                               port + R"(/_x"}]])";
+  // A gateway page that keeps no first chunk of its own: whatever the
+  // second visit starts from could only have come from the link.
+  const std::string url = origin_.url("/headers?api-info=" + apiInfo(requests));
+  tide::LogCapture log;
+  LoadResult first = page.load(url);
+  ASSERT_EQ(first.status, 200);
+  arkweb_host::waitIdle();
+  LoadResult second = page.load(url);
+  EXPECT_EQ(second.body.find(injected), std::string::npos);
+  EXPECT_TRUE(velora_test::headerValues(second.headers, "x-first-chunk-cache").empty());
+  EXPECT_FALSE(FirstChunkStorage(url).read(url));
+  EXPECT_EQ(log.find("refused", "Velora/api_info").size(), 4u);
+
+  // Called directly, the ability itself refuses every scheme but http(s),
+  // and nothing reaches the listener.
+  for (const std::string& target : std::vector<std::string>{
+           "gopher://127.0.0.1:" + port + "/_x", "dict://127.0.0.1:" + port + "/d:x",
+           "file:///etc/passwd", "ftp://127.0.0.1:" + port + "/"}) {
+    std::promise<omni::ExecuteResult> answered;
+    omni::AbilityRegistry::find("SSRAbility")
+        ->execute("preloadFirstChunk", std::make_shared<omni::AbilityContext>(),
+                  omni::AbilityData(nlohmann::json{{"url", target}}),
+                  [&answered](const omni::ExecuteResult& result) { answered.set_value(result); });
+    auto result = answered.get_future().get();
+    EXPECT_EQ(result.getCode(), "INVALID_PARAM") << target;
+  }
+  // And flume refuses them too, for any caller.
+  for (const std::string& target :
+       std::vector<std::string>{"gopher://127.0.0.1:" + port + "/_x",
+                                "dict://127.0.0.1:" + port + "/d:x", "file:///etc/passwd"}) {
+    velora_test::FetchResult fetched = velora_test::fetch(target);
+    EXPECT_NE(fetched.errorCode, 0) << target;
+    EXPECT_FALSE(fetched.responded) << target;
+  }
+  // A redirect to another scheme is not followed either.
+  LoadResult redirected =
+      page.load(origin_.url("/redirect?to=" + tern::string_utils::urlEncode("file:///etc/passwd")));
+  EXPECT_EQ(redirected.body.find("root:"), std::string::npos);
+  pollfd poll{listener, POLLIN, 0};
+  EXPECT_EQ(::poll(&poll, 1, 200), 0) << "the listener was reached";
+  close(listener);
+}
+
+TEST_F(SsrApiInfo, ABlockingAbilityHoldsUpOnlyThePageThatAskedAndTheBudgetEndsAWait) {
+  velora::InterceptManager::getInstance().setApiInfoAllowList({"Probe.block", "Probe.silent"});
+  BoundPage asking("asking");
+  BoundPage other("other");
+  velora_test::PendingLoad blocked(
+      asking.web(), origin_.url("/headers?api-info=" + apiInfo(R"([["Probe.block",{}]])")));
+  ASSERT_TRUE(probe_->waitUntilBlocking());
+  // While it blocks, another page of the same app loads: a plain resource
+  // and a server-rendered page without calls.
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(other.load(origin_.url("/bytes/1000")).status, 200);
+  EXPECT_EQ(other.load(origin_.url("/fcc/meanwhile")).status, 200);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_FALSE(blocked.waitForEnd(std::chrono::milliseconds(0)));
+  probe_->release();
+  ASSERT_TRUE(blocked.waitForEnd());
+  EXPECT_EQ(answers(blocked.result())[0][2]["type"], "result");
+
+  // An ability that never answers costs the page its budget, no more, and
+  // calls after it answer at once.
+  start = std::chrono::steady_clock::now();
+  LoadResult silent = asking.load(
+      origin_.url("/headers?api-info=" + apiInfo(R"([["Probe.silent",{}],["Probe.silent",{}]])")));
+  auto waited = std::chrono::steady_clock::now() - start;
+  ASSERT_EQ(silent.status, 200);
+  auto sent = answers(silent);
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0][2]["code"], "TIMEOUT");
+  EXPECT_EQ(sent[1][2]["code"], "TIMEOUT");
+  EXPECT_GE(waited, std::chrono::milliseconds(velora::ApiInfoHelper::kBudgetMs));
+  EXPECT_LT(waited, std::chrono::milliseconds(velora::ApiInfoHelper::kBudgetMs * 2));
 }
 
 TEST_F(SsrPath, APageDestroyedMidBodyEndsCleanly) {
@@ -349,4 +522,67 @@ TEST_F(SsrPath, AFirstChunkPrefetchAsksTheGatewayForTheChunkAlone) {
       velora::PrefetchNetwork::getPrefetchRequest(plain)->getHeaders().count("x-s-first-chunk"));
   for (const auto& each : {id, overridden, plain})
     velora::PrefetchNetwork::removePrefetch(each);
+}
+
+TEST_F(SsrPath, StoppingAServerRenderedPageStopsItsTransfer) {
+  // 64 MiB paced at about 13 MB/s: without a cancel it keeps coming for seconds.
+  const std::string path = "/fcc/stopped";
+  auto page = std::make_unique<BoundPage>("ssr");
+  {
+    velora_test::PendingLoad load(page->web(),
+                                  origin_.url(path + "?delay=0&size=67108864&piece=65536&every=5"));
+    ASSERT_TRUE(load.waitForBytes());
+    page->destroy();
+    ASSERT_TRUE(load.waitForEnd());
+    EXPECT_EQ(load.result().error, ARKWEB_ERR_ABORTED);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const int64_t atStop = origin_.sentBytes(path);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_LT(origin_.sentBytes(path) - atStop, 256 * 1024) << "the gateway transfer went on";
+  EXPECT_LT(origin_.sentBytes(path), 16 * 1024 * 1024);
+}
+
+TEST_F(SsrPath, StalledResponsesFailSoonAfterTheIdleTimeout) {
+  flume::setDefaultTimeouts(30000, 1500);
+  BoundPage page("ssr");
+  setFcc(false);
+  for (const std::string& path :
+       {std::string("/fcc/stalled?stall=1"), std::string("/stall?after=100")}) {
+    std::chrono::steady_clock::time_point firstByte;
+    LoadOptions options(origin_.url(path));
+    options.onData = [&firstByte](const char*, size_t, double) {
+      if (firstByte == std::chrono::steady_clock::time_point())
+        firstByte = std::chrono::steady_clock::now();
+    };
+    LoadResult result = page.load(options);
+    auto afterStall = std::chrono::steady_clock::now() - firstByte;
+    EXPECT_EQ(result.error, ARKWEB_ERR_FAILED) << path;
+    EXPECT_GE(afterStall, std::chrono::milliseconds(1400)) << path;
+    EXPECT_LT(afterStall, std::chrono::milliseconds(2000)) << path;
+  }
+  flume::setDefaultTimeouts(30000, 60000);
+}
+
+TEST_F(SsrPath, ALockedStoreHoldsUpNoOtherLoad) {
+  // Another process holds the store's database locked: the first chunk's
+  // write waits for it, on a background thread, while other pages load.
+  BoundPage ssr("ssr");
+  BoundPage other("other");
+  ASSERT_EQ(ssr.load(origin_.url("/fcc/locked")).status, 200);  // opens the database
+  arkweb_host::waitIdle();
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((std::string(getenv("VELORA_DATA_DIR")) + "/store.db").c_str(), &db),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  auto start = std::chrono::steady_clock::now();
+  velora_test::PendingLoad writing(ssr.web(), origin_.url("/fcc/locked?version=2&delay=0"));
+  ASSERT_TRUE(writing.waitForEnd());
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(other.load(origin_.url("/bytes/1000")).status, 200);
+  auto otherLoads = std::chrono::steady_clock::now() - start;
+  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  EXPECT_LT(otherLoads, std::chrono::milliseconds(1000));
+  arkweb_host::waitIdle();
 }

@@ -30,6 +30,9 @@ class FirstChunkContext {
   bool isValidStorageContext() const { return enable_ && !html_.empty(); }
   // {"enable"=1,"url"=...,"rule"=...,"version"=...,"expiredTime"=...,"html"=...}
   std::string toString() const;
+  // The same for log entries, with the chunk given as its length and hash:
+  // a chunk may be a megabyte, and its bytes are the page's, not the log's.
+  std::string toLogString() const;
 
  private:
   bool enable_ = false;  // the server allows the cache for this page

@@ -1,11 +1,13 @@
 #include "first_chunk/first_chunk_handler.h"
 
 #include <cstdlib>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "analytics/alarm_commit.h"
 #include "log_tags.h"
 #include "network/ssr_chunked_cache_request_callback.h"
+#include "tern/executor_service.h"
 #include "tern/time_utils.h"
 #include "tide_logger/log.h"
 #include "user_agent/user_agent_helper.h"
@@ -23,6 +25,12 @@ tide::LogBuilder entry(const char* event, const std::string& traceId) {
   return builder;
 }
 
+// Store writes leave the carrier's thread: a store another process holds
+// locked would stall every transfer on it.
+void inBackground(std::function<void()> task) {
+  tern::ExecutorService::of("Velora", TERN_HERE).post(tern::Fiber(std::move(task)));
+}
+
 }  // namespace
 
 void FirstChunkHandler::send(const std::shared_ptr<gantry_ssr::SsrRequest>& request,
@@ -37,7 +45,7 @@ void FirstChunkHandler::onSendRequest(std::shared_ptr<gantry_ssr::SsrRequest> re
   cacheContext_ = storage_->read(url);
   fccExpired_ = cacheContext_ && cacheContext_->isExpired();
   if (fccExpired_) {
-    storage_->remove();
+    inBackground([storage = storage_] { storage->remove(); });
   } else if (cacheContext_ && !cacheContext_->getHtml().empty()) {
     HeaderMultimap headers{
         {"Content-Type", {"text/html"}},
@@ -121,7 +129,7 @@ void FirstChunkHandler::onResponse(std::shared_ptr<gantry_ssr::SsrRequest> reque
     type = 1;
     if (!responseContext_->isEnable()) {
       send(request, getInvalidateScriptData());
-      storage_->remove();
+      inBackground([storage = storage_] { storage->remove(); });
       type = 2;
     } else if (stale) {
       type = 2;
@@ -142,68 +150,111 @@ void FirstChunkHandler::onReceiveData(std::shared_ptr<gantry_ssr::SsrRequest> re
     size_t marker = buffer_.size() < kMarkerLength ? std::string::npos
                                                    : buffer_.find(kMarker, from, kMarkerLength);
     if (marker != std::string::npos) {
-      std::string chunk = buffer_.substr(0, marker + kMarkerLength);
-      buffer_.clear();
-      buffer_.shrink_to_fit();
-      // An entry about the two versions at the splice.
-      auto versions = [&](const char* event) {
-        auto builder = entry(event, traceId_);
-        builder.key("url")
-            .value(request->getUrl())
-            .key("useFirstChunkCache")
-            .value(useFirstChunkCache_)
-            .key("serverVersion")
-            .value(responseContext_->getVersion())
-            .key("cacheVersion")
-            .value(cacheContext_ ? cacheContext_->getVersion() : std::string());
-        return builder;
-      };
-      if (needInvalidateCache_) {
-        versions("invalidateCache").done();
-        send(request, getInvalidateScriptData());
-        send(request, chunk);
-      }
-      // Where the first chunk ends inside this piece.
-      const int64_t received = receivedBytes_;
-      const int64_t offset = static_cast<int64_t>(chunk.size()) - received;
-      if (useFirstChunkCache_ && offset >= 0 && static_cast<int64_t>(data.size()) > offset) {
-        send(request, data.substr(static_cast<size_t>(offset)));
-        versions("dataAfterFcc")
-            .key("fccByteIndex")
-            .value(static_cast<long long>(offset))
-            .key("offset")
-            .value(static_cast<long long>(received))
-            .key("firstChunkHtmlLength")
-            .value(chunk.size())
-            .done();
-      } else {
-        entry("passedFccIndex", traceId_)
-            .key("url")
-            .value(request->getUrl())
-            .key("fccByteIndex")
-            .value(static_cast<long long>(offset))
-            .key("offset")
-            .value(static_cast<long long>(received))
-            .done();
-      }
-      responseContext_->setHtml(chunk);
-      cacheWritten_ = true;
-      bool written = storage_->write(responseContext_);
-      entry("writeCache", traceId_)
-          .key("url")
-          .value(request->getUrl())
-          .key("success")
-          .value(written)
-          .done();
+      spliceAfterFirstChunk(request, data, marker + kMarkerLength);
+    } else if (buffer_.size() > FirstChunkStorage::kMaxHtmlBytes) {
+      // No marker where a first chunk could end: this page has none to
+      // offer (an error page, a new template).
+      giveUpOnMarker(request, "markerNotFound");
     }
     if (useFirstChunkCache_) {
-      // The served chunk already holds these bytes.
+      // Before the marker the served chunk holds these bytes; at the marker
+      // or on giving up, what the engine lacks of this piece went out above.
       receivedBytes_ += static_cast<int64_t>(data.size());
       return;
     }
   }
   send(request, data);
   receivedBytes_ += static_cast<int64_t>(data.size());
+}
+
+void FirstChunkHandler::spliceAfterFirstChunk(
+    const std::shared_ptr<gantry_ssr::SsrRequest>& request,
+    const std::string& data,
+    size_t chunkLength) {
+  std::string chunk = buffer_.substr(0, chunkLength);
+  buffer_.clear();
+  buffer_.shrink_to_fit();
+  // An entry about the two versions at the splice.
+  auto versions = [&](const char* event) {
+    auto builder = entry(event, traceId_);
+    builder.key("url")
+        .value(request->getUrl())
+        .key("useFirstChunkCache")
+        .value(useFirstChunkCache_)
+        .key("serverVersion")
+        .value(responseContext_->getVersion())
+        .key("cacheVersion")
+        .value(cacheContext_ ? cacheContext_->getVersion() : std::string());
+    return builder;
+  };
+  if (needInvalidateCache_) {
+    versions("invalidateCache").done();
+    send(request, getInvalidateScriptData());
+    send(request, chunk);
+  }
+  // Where the first chunk ends inside this piece.
+  const int64_t received = receivedBytes_;
+  const int64_t offset = static_cast<int64_t>(chunk.size()) - received;
+  if (useFirstChunkCache_ && offset >= 0 && static_cast<int64_t>(data.size()) > offset) {
+    send(request, data.substr(static_cast<size_t>(offset)));
+    versions("dataAfterFcc")
+        .key("fccByteIndex")
+        .value(static_cast<long long>(offset))
+        .key("offset")
+        .value(static_cast<long long>(received))
+        .key("firstChunkHtmlLength")
+        .value(chunk.size())
+        .done();
+  } else {
+    entry("passedFccIndex", traceId_)
+        .key("url")
+        .value(request->getUrl())
+        .key("fccByteIndex")
+        .value(static_cast<long long>(offset))
+        .key("offset")
+        .value(static_cast<long long>(received))
+        .done();
+  }
+  cacheWritten_ = true;
+  if (chunk.size() > FirstChunkStorage::kMaxHtmlBytes) {
+    entry("chunkTooLarge", traceId_)
+        .key("url")
+        .value(request->getUrl())
+        .key("length")
+        .value(chunk.size())
+        .done();
+    return;
+  }
+  responseContext_->setHtml(std::move(chunk));
+  inBackground([storage = storage_, context = responseContext_, url = request->getUrl(),
+                traceId = traceId_] {
+    bool written = storage->write(context);
+    entry("writeCache", traceId).key("url").value(url).key("success").value(written).done();
+  });
+}
+
+void FirstChunkHandler::giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request,
+                                       const char* why) {
+  cacheWritten_ = true;  // from now on everything passes through
+  entry(why, traceId_)
+      .key("url")
+      .value(request->getUrl())
+      .key("useFirstChunkCache")
+      .value(useFirstChunkCache_)
+      .key("buffered")
+      .value(buffer_.size())
+      .done();
+  std::string live;
+  live.swap(buffer_);
+  if (useFirstChunkCache_) {
+    // The engine has the stored chunk and none of the live bytes: undo the
+    // chunk, then give it the live page from its first byte. A record that
+    // no longer fits its page goes.
+    send(request, getInvalidateScriptData());
+    if (!live.empty())
+      send(request, live);
+    inBackground([storage = storage_] { storage->remove(); });
+  }
 }
 
 void FirstChunkHandler::onError(std::shared_ptr<gantry_ssr::SsrRequest> request,
@@ -221,6 +272,11 @@ void FirstChunkHandler::onError(std::shared_ptr<gantry_ssr::SsrRequest> request,
 
 void FirstChunkHandler::onFinish(std::shared_ptr<gantry_ssr::SsrRequest> request) {
   entry("finish", traceId_).key("url").value(request->getUrl()).done();
+  // A live page that ended without its marker: what was held back goes out
+  // now, never a page cut short that looks complete.
+  if (!cacheWritten_ && useFirstChunkCache_ &&
+      (responseContext_->isEnable() || needInvalidateCache_))
+    giveUpOnMarker(request, "markerNotFound");
   listener_->onFinish(std::move(request));
 }
 

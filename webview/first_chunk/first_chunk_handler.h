@@ -18,7 +18,12 @@
 namespace velora {
 
 // One per SSR request, between the gateway and the request's listener. The
-// first chunk of a page is its body up to and including kMarker.
+// first chunk of a page is its body up to and including kMarker. The live
+// body is held back until the marker only while a stored chunk stands in
+// for it, and never past FirstChunkStorage::kMaxHtmlBytes: a page without
+// a marker reaches the engine whole, after the stored chunk is undone.
+// Store reads happen on the sending thread; writes and removals are
+// background tasks on the "Velora" executor.
 //
 // onSendRequest runs on the sending thread before the gateway call; the
 // gateway's callbacks follow one at a time, possibly on other threads.
@@ -61,6 +66,16 @@ class FirstChunkHandler : public gantry_ssr::SsrListener {
 
  private:
   void send(const std::shared_ptr<gantry_ssr::SsrRequest>& request, const std::string& data);
+  // The marker ends buffer_ at `chunkLength`, found in `data`, this piece:
+  // gives the engine what it lacks after the first chunk and stores the
+  // chunk in the background.
+  void spliceAfterFirstChunk(const std::shared_ptr<gantry_ssr::SsrRequest>& request,
+                             const std::string& data,
+                             size_t chunkLength);
+  // No marker (the body ended, or grew past the largest first chunk): from
+  // now on bytes pass through. If the stored chunk was served it is undone
+  // in the page, followed by the live bytes held back, and its record goes.
+  void giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request, const char* why);
 
   std::shared_ptr<gantry_ssr::SsrListener> listener_;
   std::shared_ptr<FirstChunkStorage> storage_;

@@ -1,10 +1,19 @@
 #include "first_chunk/first_chunk_storage.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "log_tags.h"
+#include "tern/base64.h"
+#include "tern/executor_service.h"
 #include "tern/string_utils.h"
+#include "tern/time_utils.h"
 #include "tide_logger/log.h"
 #include "utils/json_utils.h"
 
@@ -23,6 +32,56 @@ void logFailure(const char* event, const std::string& storageKey, const char* wh
       .key("what")
       .value(what && *what ? what : kUnknown)
       .done();
+}
+
+constexpr char kBase64Members[] = "fcc-base64";
+constexpr std::chrono::hours kSweepEvery{1};
+
+// Every write and removal of this process, and the index with them.
+std::mutex& storeMutex() {
+  static std::mutex* mutex = new std::mutex;
+  return *mutex;
+}
+
+// Steady milliseconds of the last sweep; none until the first one.
+std::atomic<int64_t> g_lastSweepMs{-1};
+
+int64_t steadyMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// record[member] = text, base64-encoded when JSON cannot hold its bytes.
+void putText(nlohmann::json& record, const char* member, const std::string& text) {
+  if (isUtf8(text)) {
+    record[member] = text;
+    return;
+  }
+  record[member] = tern::base64::encode(text);
+  record[kBase64Members].push_back(member);
+}
+
+std::string getText(const nlohmann::json& record, const char* member) {
+  std::string text = record.at(member).get<std::string>();
+  auto encoded = record.find(kBase64Members);
+  if (encoded != record.end() && encoded->is_array() &&
+      std::find(encoded->begin(), encoded->end(), member) != encoded->end()) {
+    return tern::base64::decode(text);
+  }
+  return text;
+}
+
+// The latest expiry among the records of a page.
+double latestExpiry(const nlohmann::json& root) {
+  double latest = 0;
+  for (const auto& record : root) {
+    if (record.is_object()) {
+      auto expiry = record.find("fcc-expire-time");
+      if (expiry != record.end() && expiry->is_number())
+        latest = std::max(latest, expiry->get<double>());
+    }
+  }
+  return latest;
 }
 
 tide::LogBuilder readEntry(const std::string& storageKey, const char* msg) {
@@ -66,37 +125,67 @@ FirstChunkStorage::FirstChunkStorage(const std::string& url)
 bool FirstChunkStorage::write(const std::shared_ptr<FirstChunkContext>& context) {
   if (!context || storageKey_.empty() || context->getHtml().empty())
     return false;
+  if (context->getHtmlLength() > kMaxHtmlBytes) {
+    tide::Log::build(tide::kWarn, kLogTag)
+        .event("tooLarge")
+        .key("storageKey")
+        .value(storageKey_)
+        .key("length")
+        .value(context->getHtmlLength())
+        .key("limit")
+        .value(kMaxHtmlBytes)
+        .done();
+    return false;
+  }
   try {
+    // The rule names the record and the URL is matched as text: neither
+    // can be encoded the way the chunk can.
+    if (!isUtf8(context->getRule()) || !isUtf8(context->getUrl()))
+      throw std::invalid_argument("the rule or the URL is not UTF-8");
+    std::lock_guard<std::mutex> lock(storeMutex());
     nlohmann::json root = nlohmann::json::object();
     std::optional<std::string> stored = STORAGE->get(storageKey_);
-    if (stored && !stored->empty())
-      root = parseJson(*stored);
+    if (stored && !stored->empty()) {
+      // A value that does not parse (a crash, an older run, another
+      // process) is replaced rather than left to block every later write.
+      try {
+        root = parseJson(*stored);
+      } catch (const std::exception& e) {
+        logFailure("corruptRecord", storageKey_, e.what());
+      }
+      if (!root.is_object()) {
+        logFailure("corruptRecord", storageKey_, "stored value is not a JSON object");
+        root = nlohmann::json::object();
+      }
+    }
     if (context->isEnable()) {
-      root[context->getRule()] = {
+      nlohmann::json record = {
           {"fcc-enable", true},
-          {"fcc-html", context->getHtml()},
           {"fcc-url-query-rule", context->getRule()},
-          {"fcc-version", context->getVersion()},
           {"html-byte-size", context->getHtmlLength()},
           {"fcc-url", context->getUrl()},
           {"fcc-expire-time", context->getExpiredTime()},
       };
+      putText(record, "fcc-html", context->getHtml());
+      putText(record, "fcc-version", context->getVersion());
+      root[context->getRule()] = std::move(record);
     } else {
       // The server switched the cache off for this rule only.
-      if (!root.is_object())
-        throw std::runtime_error("stored value is not a JSON object");
       root.erase(context->getRule());
     }
-    bool result = STORAGE->put(storageKey_, root.dump());
+    bool result =
+        root.empty() ? STORAGE->remove(storageKey_) : STORAGE->put(storageKey_, root.dump());
+    updateIndex(root.empty() ? 0 : latestExpiry(root));
     tide::Log::build(tide::kInfo, kLogTag)
         .event("write")
         .key("storageKey")
         .value(storageKey_)
         .key("context")
-        .value(context->toString())
+        .value(context->toLogString())
         .key("result")
         .value(result)
         .done();
+    sweepIfDue();
     return result;
   } catch (const std::exception& e) {
     logFailure("writeFail", storageKey_, e.what());
@@ -122,37 +211,45 @@ std::shared_ptr<FirstChunkContext> FirstChunkStorage::read(const std::string& ur
       return nullptr;
     }
     for (const auto& [rule, record] : root.items()) {
-      const std::string cacheUrl = record.at("fcc-url").get<std::string>();
-      UrlParser cached(cacheUrl);
-      bool match = true;
-      for (const std::string& name : tern::string_utils::split(rule, ",")) {
-        if (requested.getQuery(name) != cached.getQuery(name)) {
-          match = false;
-          break;
+      std::shared_ptr<FirstChunkContext> context;
+      std::string cacheUrl;
+      try {
+        cacheUrl = record.at("fcc-url").get<std::string>();
+        UrlParser cached(cacheUrl);
+        bool match = true;
+        for (const std::string& name : tern::string_utils::split(rule, ",")) {
+          if (requested.getQuery(name) != cached.getQuery(name)) {
+            match = false;
+            break;
+          }
         }
-      }
-      if (!match) {
-        readEntry(storageKey_, "query not match")
-            .key("cacheUrl")
-            .value(cacheUrl)
-            .key("rule")
-            .value(rule)
-            .done();
+        if (!match) {
+          readEntry(storageKey_, "query not match")
+              .key("cacheUrl")
+              .value(cacheUrl)
+              .key("rule")
+              .value(rule)
+              .done();
+          continue;
+        }
+        context = std::make_shared<FirstChunkContext>();
+        context->setHtml(getText(record, "fcc-html"));
+        context->setRule(record.at("fcc-url-query-rule").get<std::string>());
+        context->setVersion(getText(record, "fcc-version"));
+        context->setUrl(cacheUrl);
+        context->setExpiredTime(record.at("fcc-expire-time").get<double>());
+        context->setEnable(record.at("fcc-enable").get<bool>());
+      } catch (const std::exception& e) {
+        // One bad record does not hide the others.
+        logFailure("readFail", storageKey_, e.what());
         continue;
       }
-      auto context = std::make_shared<FirstChunkContext>();
-      context->setHtml(record.at("fcc-html").get<std::string>());
-      context->setRule(record.at("fcc-url-query-rule").get<std::string>());
-      context->setVersion(record.at("fcc-version").get<std::string>());
-      context->setUrl(cacheUrl);
-      context->setExpiredTime(record.at("fcc-expire-time").get<double>());
-      context->setEnable(record.at("fcc-enable").get<bool>());
       if (!context->isValidStorageContext()) {
         readEntry(storageKey_, "context not valid")
             .key("success")
             .value(false)
             .key("context")
-            .value(context->toString())
+            .value(context->toLogString())
             .done();
         return nullptr;
       }
@@ -163,7 +260,7 @@ std::shared_ptr<FirstChunkContext> FirstChunkStorage::read(const std::string& ur
           .key("success")
           .value(true)
           .key("context")
-          .value(context->toString())
+          .value(context->toLogString())
           .done();
       return context;
     }
@@ -179,7 +276,12 @@ std::shared_ptr<FirstChunkContext> FirstChunkStorage::read(const std::string& ur
 void FirstChunkStorage::remove() {
   if (storageKey_.empty())
     return;
-  bool success = STORAGE->remove(storageKey_);
+  bool success;
+  {
+    std::lock_guard<std::mutex> lock(storeMutex());
+    success = STORAGE->remove(storageKey_);
+    updateIndex(0);
+  }
   tide::Log::build(tide::kInfo, kLogTag)
       .event("remove")
       .key("storageKey")
@@ -187,6 +289,88 @@ void FirstChunkStorage::remove() {
       .key("success")
       .value(success)
       .done();
+}
+
+// ---- The index of pages, under storeMutex() ----
+
+nlohmann::json FirstChunkStorage::readIndex() {
+  std::optional<std::string> stored = STORAGE->get(kIndexKey);
+  if (stored && !stored->empty()) {
+    try {
+      nlohmann::json index = parseJson(*stored);
+      if (index.is_object())
+        return index;
+    } catch (const std::exception& e) {
+      logFailure("corruptRecord", kIndexKey, e.what());
+    }
+  }
+  return nlohmann::json::object();
+}
+
+void FirstChunkStorage::updateIndex(double expiry) {
+  nlohmann::json index = readIndex();
+  if (expiry > 0)
+    index[storageKey_] = expiry;
+  else
+    index.erase(storageKey_);
+  if (index.size() > kMaxPages) {
+    // Full: the pages that expire soonest make room.
+    std::vector<std::pair<double, std::string>> pages;
+    for (const auto& [key, value] : index.items()) {
+      if (key != storageKey_)
+        pages.emplace_back(value.is_number() ? value.get<double>() : 0, key);
+    }
+    std::sort(pages.begin(), pages.end());
+    size_t excess = index.size() - kMaxPages;
+    for (size_t i = 0; i < excess && i < pages.size(); ++i) {
+      STORAGE->remove(pages[i].second);
+      index.erase(pages[i].second);
+    }
+    tide::Log::build(tide::kInfo, kLogTag).event("evict").key("pages").value(excess).done();
+  }
+  STORAGE->put(kIndexKey, index.dump());
+}
+
+void FirstChunkStorage::sweep() {
+  g_lastSweepMs = steadyMs();
+  size_t removed = 0;
+  try {
+    std::lock_guard<std::mutex> lock(storeMutex());
+    nlohmann::json index = readIndex();
+    const double now = static_cast<double>(tern::currentTimeMillis());
+    for (auto it = index.begin(); it != index.end();) {
+      if (!it.value().is_number() || it.value().get<double>() < now) {
+        STORAGE->remove(it.key());
+        it = index.erase(it);
+        ++removed;
+      } else {
+        ++it;
+      }
+    }
+    if (removed > 0)
+      STORAGE->put(kIndexKey, index.dump());
+  } catch (const std::exception& e) {
+    logFailure("sweepFail", kIndexKey, e.what());
+  }
+  tide::Log::build(tide::kInfo, kLogTag).event("sweep").key("removed").value(removed).done();
+}
+
+void FirstChunkStorage::sweepSoon() {
+  int64_t last = g_lastSweepMs;
+  int64_t now = steadyMs();
+  if (last >= 0 && now - last < std::chrono::milliseconds(kSweepEvery).count())
+    return;
+  // One sweep per period, whoever asks.
+  if (!g_lastSweepMs.compare_exchange_strong(last, now))
+    return;
+  tern::ExecutorService::of("Velora", TERN_HERE).post(tern::Fiber([] { sweep(); }));
+}
+
+void FirstChunkStorage::sweepIfDue() {
+  // Only once the first sweep (at start-up) has run: "due" counts from it.
+  int64_t last = g_lastSweepMs;
+  if (last >= 0 && steadyMs() - last >= std::chrono::milliseconds(kSweepEvery).count())
+    sweepSoon();
 }
 
 }  // namespace velora

@@ -1,6 +1,7 @@
 // The script-facing surface of the module "velora": registration and the
 // functions the script layer calls.
 #include "first_chunk/first_chunk_manager.h"
+#include "first_chunk/first_chunk_storage.h"
 #include "first_chunk/ssr_client_info.h"
 #include "hilog/log.h"
 #include "intercept/intercept_manager.h"
@@ -23,6 +24,8 @@ constexpr const char* kWebTag = log_tags::kWeb;
 napi_value SdkInit(napi_env env, napi_callback_info info) {
   InitHelper::parseSDKInitParams(env, info);
   InterceptManager::getInstance().init();
+  // First chunks of pages not visited since they expired.
+  FirstChunkStorage::sweepSoon();
   return nullptr;
 }
 
