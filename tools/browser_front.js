@@ -7,14 +7,21 @@
 // the body piece by piece, so a cached first chunk paints before the live
 // body comes.
 //
-//   const front = await startBrowserFront({ component: () => web, onRequest(record) {} });
+//   const front = await startBrowserFront({ component: () => web, onRequest(record) {},
+//     log(line) {} /* stderr by default */, maxBufferedBytes: 32 << 20 /* the default */ });
 //   // chromium --proxy-server=http://127.0.0.1:${front.port} --proxy-bypass-list='<-loopback>'
 //   await front.close();
 //
 // Only loopback targets are forwarded; anything else (Chromium's own update
 // and sync hosts among them) is refused with 403, and CONNECT is refused too.
-// The engine cannot be paused, so a client that reads slower than the
-// origin sends has the difference buffered here.
+// The engine cannot be paused, so body bytes a client has not taken yet wait
+// here, about 32 MiB of them at most per response (maxBufferedBytes): past the
+// limit the load is stopped and the connection dropped, so a client that stops
+// reading cannot make this process hold a whole body. A client that goes away
+// has its load stopped at once. The margin is wide because a client reading as
+// fast as it can falls up to ~17 MiB behind a local origin at times.
+// Requests Node cannot parse get a status (431 for oversize headers) rather
+// than a reset. Failures are logged, never thrown.
 const http = require('node:http');
 const net = require('node:net');
 
@@ -26,6 +33,13 @@ const DROPPED_RESPONSE_HEADERS = new Set(['connection', 'keep-alive', 'proxy-con
   'proxy-authenticate', 'transfer-encoding', 'trailer', 'upgrade']);
 const BODY_METHODS = new Set(['POST', 'PUT', 'PATCH', 'DELETE']);
 const MAX_UPLOAD_BYTES = 64 * 1024 * 1024;
+const MAX_BUFFERED_BYTES = 32 * 1024 * 1024;
+// How long a connection answered for a malformed request still reads (and
+// drops) what its client sends, so that closing it does not reset the
+// connection before the client has read the answer.
+const CLIENT_ERROR_LINGER_MS = 1000;
+const CLIENT_ERROR_STATUS = { HPE_HEADER_OVERFLOW: 431, HPE_CHUNK_EXTENSIONS_OVERFLOW: 413,
+  ERR_HTTP_REQUEST_TIMEOUT: 408 };
 
 // Names other than "localhost" are not trusted to resolve to loopback.
 function isLoopbackHost(hostname) {
@@ -91,8 +105,22 @@ function responseHeaders(pairs) {
 }
 
 function refuse(res, status, message) {
-  res.writeHead(status, { 'Content-Type': 'text/plain', Connection: 'close' });
-  res.end(`${message}\n`);
+  try {
+    res.writeHead(status, { 'Content-Type': 'text/plain', Connection: 'close' });
+    res.end(`${message}\n`);
+  } catch {
+    res.destroy();
+  }
+}
+
+// A caller's callback that throws is logged; the proxy goes on.
+function notify(options, name, value) {
+  if (!options[name]) return;
+  try {
+    options[name](value);
+  } catch (error) {
+    options.log(`${name} threw: ${error.stack || error.message}`);
+  }
 }
 
 class UploadTooLarge extends Error {}
@@ -118,19 +146,32 @@ function readBody(req) {
 }
 
 // One proxied request: the load, its streaming, and what it became.
+// record.stopped says why the front stopped a load ('disconnected': the
+// client went away; 'backpressure': it fell too far behind); record.buffered
+// is the most body bytes that waited for the client at once while it lagged.
 async function forward(req, res, target, options) {
   const web = options.component();
   if (!web) return refuse(res, 503, 'no web component to load into');
   const record = { url: target.href, method: req.method, mainFrame: isMainFrame(req.headers),
-    status: 0, intercepted: false, error: null, bytes: 0, headers: [], aborted: false, timing: null };
+    status: 0, intercepted: false, error: null, bytes: 0, headers: [], aborted: false, stopped: null,
+    buffered: 0, timing: null };
   const abort = new AbortController();
   let clientGone = false;
+  let loading = true;
+  // Destroying the response destroys its connection, and with it every body
+  // byte queued for the client.
+  const stop = (reason) => {
+    if (record.stopped) return;
+    clientGone = true;
+    record.aborted = true;
+    record.stopped = reason;
+    abort.abort();
+    res.destroy();
+  };
+  // Once the load has ended there is nothing left to stop: a client leaving
+  // now does not change what the load was.
   res.on('close', () => {
-    if (!res.writableFinished) {
-      clientGone = true;
-      record.aborted = true;
-      abort.abort();
-    }
+    if (loading && !res.writableFinished) stop('disconnected');
   });
   let body;
   try {
@@ -140,6 +181,7 @@ async function forward(req, res, target, options) {
     return res.destroy();
   }
   if (clientGone) return undefined;
+  const maxBuffered = options.maxBufferedBytes;
   const load = {
     url: target.href,
     method: req.method,
@@ -163,7 +205,20 @@ async function forward(req, res, target, options) {
       }
     },
     onData(chunk) {
-      if (!clientGone) res.write(chunk);
+      if (clientGone) return;
+      // A client that half-closed had its connection ended by the server;
+      // nothing written from now on would reach it.
+      if (res.socket && !res.socket.writable) {
+        stop('disconnected');
+        return;
+      }
+      if (res.write(chunk)) return;
+      const waiting = res.writableLength;
+      if (waiting > record.buffered) record.buffered = waiting;
+      if (waiting > maxBuffered) {
+        options.log(`${target.href}: stopped, ${waiting} bytes waiting for a client that fell behind`);
+        stop('backpressure');
+      }
     },
   };
   if (body.length > 0 || BODY_METHODS.has(req.method)) load.body = body;
@@ -173,6 +228,7 @@ async function forward(req, res, target, options) {
   } catch (error) {
     result = { error: -2, status: 0, intercepted: false, bodySize: 0, timing: null, message: error.message };
   }
+  loading = false;
   record.intercepted = result.intercepted;
   record.error = record.error || result.error;
   record.bytes = result.bodySize;
@@ -190,31 +246,69 @@ async function forward(req, res, target, options) {
       res.destroy();  // a body cut short must look cut short
     }
   }
-  if (options.onRequest) options.onRequest(record);
+  notify(options, 'onRequest', record);
   return undefined;
 }
 
-function startBrowserFront(options) {
+// Node answers a request it cannot parse itself only while nobody listens
+// for 'clientError'; the front listens (to log it), so it answers the same
+// way. A connection with a response under way is reset instead: bytes
+// written now would land inside that response.
+function answerClientError(error, socket, state) {
+  if (state.lingering.has(socket)) return;  // the parser repeats itself on what still arrives
+  if (error.code !== 'ECONNRESET') state.log(`client error: ${error.code || error.message}`);
+  if (!socket.writable || state.responding.get(socket)) {
+    socket.destroy();
+    return;
+  }
+  const status = CLIENT_ERROR_STATUS[error.code] || 400;
+  const message = `${http.STATUS_CODES[status]}\n`;
+  state.lingering.add(socket);
+  try {
+    socket.end(`HTTP/1.1 ${status} ${http.STATUS_CODES[status]}\r\nContent-Type: text/plain\r\n` +
+      `Content-Length: ${message.length}\r\nConnection: close\r\n\r\n${message}`);
+  } catch {
+    socket.destroy();
+    return;
+  }
+  socket.resume();
+  const timer = setTimeout(() => socket.destroy(), CLIENT_ERROR_LINGER_MS);
+  timer.unref();
+  socket.once('close', () => clearTimeout(timer));
+}
+
+// How many responses each connection has under way.
+function countResponse(responding, socket, res) {
+  responding.set(socket, (responding.get(socket) || 0) + 1);
+  res.once('close', () => responding.set(socket, responding.get(socket) - 1));
+}
+
+function startBrowserFront(givenOptions) {
+  const options = { ...givenOptions, maxBufferedBytes: givenOptions.maxBufferedBytes || MAX_BUFFERED_BYTES,
+    log: givenOptions.log || ((line) => console.error(`browser front: ${line}`)) };
+  const state = { log: options.log, lingering: new WeakSet(), responding: new WeakMap() };
   const server = http.createServer((req, res) => {
+    countResponse(state.responding, req.socket, res);
     const target = targetOf(req);
     if (!target) {
-      if (options.onRefused) options.onRefused(req.url);
+      notify(options, 'onRefused', req.url);
       return refuse(res, 403, 'only loopback http targets are forwarded');
     }
     forward(req, res, target, options).catch((error) => {
+      options.log(`${target.href}: ${error.stack || error.message}`);
       if (!res.headersSent) refuse(res, 500, error.message);
       else res.destroy();
     });
     return undefined;
   });
   server.on('connect', (req, socket) => {
-    if (options.onRefused) options.onRefused(req.url);
+    notify(options, 'onRefused', req.url);
     // The server no longer watches a socket it handed over: a browser that
     // resets it must not take the process down.
     socket.on('error', () => socket.destroy());
     socket.end('HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n');
   });
-  server.on('clientError', (error, socket) => socket.destroy());
+  server.on('clientError', (error, socket) => answerClientError(error, socket, state));
   const sockets = new Set();
   server.on('connection', (socket) => {
     sockets.add(socket);

@@ -5,6 +5,7 @@ const { test, before, after } = require('node:test');
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
 const http = require('node:http');
+const net = require('node:net');
 const path = require('node:path');
 const { inProcessSuite, ROOT } = require('./helpers');
 const { pattern } = require('../origin/server.js');
@@ -18,6 +19,8 @@ let current = null;
 let front = null;
 const records = [];
 const refused = [];
+const logged = [];
+const MAX_BUFFERED = 32 << 20;  // the front's default
 
 before(async () => {
   components.velora = host.createWebComponent('front-velora');
@@ -25,7 +28,7 @@ before(async () => {
   velora.webviewNativeAttach({ webTag: 'front-velora' });
   components.engine = host.createWebComponent('front-engine');
   front = await startBrowserFront({ component: () => current, onRequest: (r) => records.push(r),
-    onRefused: (url) => refused.push(url) });
+    onRefused: (url) => refused.push(url), log: (line) => logged.push(line) });
 });
 
 after(async () => {
@@ -56,7 +59,7 @@ function viaFront(url, { method = 'GET', headers = {}, body, onResponse, onData 
 
 const waitFor = async (check, ms = 5000) => {
   for (const end = Date.now() + ms; Date.now() < end;) {
-    if (check()) return;
+    if (await check()) return;
     await new Promise((resolve) => setTimeout(resolve, 10));
   }
   assert.fail('timed out waiting');
@@ -200,6 +203,99 @@ test('a main frame is what Chromium marks as a document, or an HTML navigation',
   assert.equal(logged(image).fields.isHTML, false);
 });
 
+// Sends raw bytes to the front; resolves with what came back before the
+// connection closed (empty when it was reset).
+function rawExchange(text) {
+  return new Promise((resolve) => {
+    const socket = net.connect(front.port, '127.0.0.1');
+    const pieces = [];
+    socket.on('data', (piece) => pieces.push(piece));
+    socket.on('error', () => {});
+    socket.on('close', () => resolve(Buffer.concat(pieces).toString('latin1')));
+    socket.write(text);
+  });
+}
+
+test('a request Node cannot parse gets a status and a closed connection, not a reset', async () => {
+  const before = records.length;
+  const target = suite.origin.url('/bytes/10');
+  const oversize = await rawExchange(`GET ${target} HTTP/1.1\r\nHost: x\r\nX-Big: ${'a'.repeat(100000)}\r\n\r\n`);
+  assert.match(oversize, /^HTTP\/1\.1 431 Request Header Fields Too Large\r\n/);
+  assert.match(oversize, /\r\nConnection: close\r\n/i);
+  const malformed = await rawExchange(`GET ${target} HTTP/1.1\r\nHost: x\r\nno colon here\r\n\r\n`);
+  assert.match(malformed, /^HTTP\/1\.1 400 Bad Request\r\n/);
+  assert.equal(records.length, before, 'a request that could not be parsed was loaded');
+  assert.ok(logged.some((line) => /HPE_HEADER_OVERFLOW/.test(line)), 'the oversize request was not logged');
+});
+
+// A GET written on a raw connection, as a client that may stop reading sends it.
+function rawGet(url) {
+  const socket = net.connect(front.port, '127.0.0.1');
+  socket.on('error', () => {});
+  socket.write(`GET ${url} HTTP/1.1\r\nHost: ${new URL(url).host}\r\n\r\n`);
+  return socket;
+}
+
+// Body bytes the origin has written so far to requests of `pathname`.
+const sentByOrigin = async (pathname) =>
+  (await (await fetch(suite.origin.url(`/__sent?path=${pathname}`))).json()).bytes;
+
+// The origin wrote nothing more over 300 ms: the load is over at its end too.
+async function originStopped(pathname) {
+  const first = await sentByOrigin(pathname);
+  await new Promise((resolve) => setTimeout(resolve, 300));
+  return { first, stopped: (await sentByOrigin(pathname)) === first };
+}
+
+test('what waits for a slow client is bounded: a reader gets a fast body whole, a non-reader is dropped',
+  { timeout: 60000 }, async () => {
+    for (const [kind, offset] of [['velora', 0], ['engine', 1]]) {
+      current = components[kind];
+      // A client reading as fast as it can lags a local origin by megabytes
+      // at times; that must not cost it the body.
+      const whole = (128 << 20) + offset;
+      const readUrl = suite.origin.url(`/bytes/${whole}?reader=${kind}`);
+      const received = await new Promise((resolve, reject) => {
+        http.get({ host: '127.0.0.1', port: front.port, path: readUrl }, (res) => {
+          let bytes = 0;
+          res.on('data', (piece) => { bytes += piece.length; });
+          res.on('end', () => resolve(bytes));
+          res.on('error', reject);
+        }).on('error', reject);
+      });
+      assert.equal(received, whole, `${kind}: a reading client lost its body`);
+
+      const size = (256 << 20) + offset;
+      const pathname = `/bytes/${size}`;
+      const url = suite.origin.url(`${pathname}?stalled=${kind}`);
+      const socket = rawGet(url);
+      socket.pause();
+      try {
+        await waitFor(() => records.some((r) => r.url === url), 20000);
+        const origin = await originStopped(pathname);
+        assert.ok(origin.stopped, `${kind}: the origin kept sending`);
+        assert.ok(origin.first < size / 2, `${kind}: ${origin.first} of ${size} bytes went out`);
+        const record = records.find((r) => r.url === url);
+        assert.notEqual(record.error, null, kind);
+        assert.equal(record.stopped, 'backpressure', kind);
+        // Checked after every write that found the client behind: at most one
+        // engine piece (up to 1 MiB) past the limit.
+        assert.ok(record.buffered > MAX_BUFFERED && record.buffered <= MAX_BUFFERED + (1 << 20),
+          `${kind}: ${record.buffered} bytes waited`);
+        // The connection was dropped: the client finds its end once it reads.
+        const got = await new Promise((resolve) => {
+          let bytes = 0;
+          socket.on('data', (piece) => { bytes += piece.length; });
+          socket.on('close', () => resolve(bytes));
+          socket.resume();
+        });
+        assert.ok(got < size, `${kind}: the whole body reached a client that was dropped`);
+      } finally {
+        socket.destroy();
+      }
+    }
+  });
+
 // Reads until the first body piece, then drops the connection.
 function dropAfterFirstPiece(url) {
   return new Promise((resolve, reject) => {
@@ -215,20 +311,42 @@ function dropAfterFirstPiece(url) {
   });
 }
 
+// Sends the request, reads nothing, and half-closes once more of the body
+// has come than the kernel's socket buffers hold (a few MiB). The server ends
+// such a connection from its side, but what it still has queued for the
+// client keeps the connection open.
+async function stopReadingThenHalfClose(url) {
+  const socket = rawGet(url);
+  socket.pause();
+  const pathname = new URL(url).pathname;
+  await waitFor(async () => (await sentByOrigin(pathname)) > 12 << 20);
+  socket.end();
+  return socket;
+}
+
 test('a browser that goes away mid-body stops the load and the transfer', async () => {
-  for (const [kind, size] of [['velora', 200 << 20], ['engine', (200 << 20) + 1]]) {
-    current = components[kind];
-    const pathname = `/bytes/${size}`;
-    const url = suite.origin.url(`${pathname}?chunk=65536&delay=10`);
-    await dropAfterFirstPiece(url);
-    await waitFor(() => records.some((r) => r.url === url));
-    const record = records.find((r) => r.url === url);
-    assert.equal(record.aborted, true, kind);
-    assert.notEqual(record.error, null, kind);
-    const sent = async () => (await (await fetch(suite.origin.url(`/__sent?path=${pathname}`))).json()).bytes;
-    const first = await sent();
-    await new Promise((resolve) => setTimeout(resolve, 300));
-    assert.equal(await sent(), first, `${kind}: the origin kept sending`);
-    assert.ok(first < 50 << 20, `${kind}: ${first} bytes went out`);
+  let offset = 0;
+  for (const kind of ['velora', 'engine']) {
+    for (const leave of [stopReadingThenHalfClose, dropAfterFirstPiece]) {
+      current = components[kind];
+      const size = (200 << 20) + offset;
+      offset += 1;
+      const pathname = `/bytes/${size}`;
+      const url = suite.origin.url(`${pathname}?chunk=262144&delay=10`);
+      const how = `${kind}, ${leave.name}`;
+      const socket = await leave(url);
+      try {
+        await waitFor(() => records.some((r) => r.url === url));
+      } finally {
+        if (socket) socket.destroy();
+      }
+      const record = records.find((r) => r.url === url);
+      assert.equal(record.aborted, true, how);
+      assert.notEqual(record.error, null, how);
+      const origin = await originStopped(pathname);
+      assert.ok(origin.stopped, `${how}: the origin kept sending`);
+      assert.ok(origin.first < 50 << 20, `${how}: ${origin.first} bytes went out`);
+      assert.equal(record.stopped, 'disconnected', how);
+    }
   }
 });
