@@ -110,13 +110,14 @@ Registry& registry() {
   return *instance;
 }
 
+// The pools now, so that they can be waited for without the registry's lock.
+std::map<std::string, std::shared_ptr<ExecutorPool>> allPools() {
+  std::lock_guard<std::mutex> lock(registry().mutex);
+  return registry().pools;
+}
+
 void drainAll() {
-  std::map<std::string, std::shared_ptr<ExecutorPool>> pools;
-  {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    pools = registry().pools;
-  }
-  for (auto& entry : pools)
+  for (auto& entry : allPools())
     entry.second->drainAndStop();
 }
 
@@ -143,12 +144,7 @@ void ExecutorService::waitIdle() const {
 }
 
 void waitAllExecutorsIdle() {
-  std::map<std::string, std::shared_ptr<ExecutorPool>> pools;
-  {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    pools = registry().pools;
-  }
-  for (auto& entry : pools)
+  for (auto& entry : allPools())
     entry.second->waitIdle();
 }
 

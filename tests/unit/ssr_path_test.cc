@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -539,6 +540,7 @@ TEST_F(SsrPath, StoppingAServerRenderedPageStopsItsTransfer) {
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   const int64_t atStop = origin_.sentBytes(path);
   std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  RecordProperty("bytesAfterStop", static_cast<int>(origin_.sentBytes(path) - atStop));
   EXPECT_LT(origin_.sentBytes(path) - atStop, 256 * 1024) << "the gateway transfer went on";
   EXPECT_LT(origin_.sentBytes(path), 16 * 1024 * 1024);
 }
@@ -583,6 +585,58 @@ TEST_F(SsrPath, ALockedStoreHoldsUpNoOtherLoad) {
   auto otherLoads = std::chrono::steady_clock::now() - start;
   sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(db);
+  RecordProperty(
+      "otherLoadsMs",
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(otherLoads).count()));
   EXPECT_LT(otherLoads, std::chrono::milliseconds(1000));
   arkweb_host::waitIdle();
+}
+
+TEST_F(SsrPath, ChunksThatAreNotUtf8AreServedByteExactAndLargeOnesAreNotStored) {
+  BoundPage page("ssr");
+  // Latin-1 bytes in the chunk and in fcc-version.
+  const std::string latin1 = origin_.url("/fcc/latin?latin1=1");
+  LoadResult first = page.load(latin1);
+  ASSERT_EQ(first.status, 200);
+  ASSERT_NE(first.body.find('\xe9'), std::string::npos);
+  arkweb_host::waitIdle();
+  LoadResult second = page.load(latin1);
+  EXPECT_EQ(velora_test::headerValues(second.headers, "x-first-chunk-cache"),
+            std::vector<std::string>{"true"});
+  EXPECT_EQ(second.body, first.body);
+  EXPECT_EQ(cacheTypes(), (std::vector<int>{0, 1}));
+
+  // A 5 MB first chunk: passed through, never stored, and no log line
+  // carries it.
+  tide::LogCapture log;
+  struct rusage before {};
+  getrusage(RUSAGE_SELF, &before);
+  const std::string large = origin_.url("/fcc/large?pad=5000000");
+  for (int visit = 0; visit < 2; ++visit) {
+    LoadResult result = page.load(large);
+    ASSERT_EQ(result.status, 200);
+    EXPECT_GT(result.body.size(), 5000000u);
+    EXPECT_TRUE(velora_test::headerValues(result.headers, "x-first-chunk-cache").empty());
+  }
+  arkweb_host::waitIdle();
+  struct rusage after {};
+  getrusage(RUSAGE_SELF, &after);
+  RecordProperty("maxRssGrowthKiB", static_cast<int>(after.ru_maxrss - before.ru_maxrss));
+  EXPECT_FALSE(FirstChunkStorage(large).read(large));
+  EXPECT_EQ(log.find("markerNotFound", "Velora/first_chunk_handler").size(), 2u);
+  for (const auto& entry : log.entries())
+    EXPECT_LT(entry.dump().size(), 8192u) << entry["event"];
+}
+
+TEST_F(SsrPath, AServersQueryRuleDecidesWhichVisitsTheChunkServes) {
+  BoundPage page("ssr");
+  auto visit = [&](const std::string& id) {
+    LoadResult result = page.load(origin_.url("/fcc/ruled?rule=id&id=" + id));
+    arkweb_host::waitIdle();
+    return !velora_test::headerValues(result.headers, "x-first-chunk-cache").empty();
+  };
+  EXPECT_FALSE(visit("1"));
+  EXPECT_TRUE(visit("1"));
+  EXPECT_FALSE(visit("2"));  // another id: the stored chunk is not its own
+  EXPECT_TRUE(visit("2"));
 }
