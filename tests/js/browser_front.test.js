@@ -5,6 +5,8 @@ const { test, before, after } = require('node:test');
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
 const http = require('node:http');
+const { promisify } = require('node:util');
+const execFile = promisify(require('node:child_process').execFile);
 const net = require('node:net');
 const path = require('node:path');
 const { inProcessSuite, ROOT } = require('./helpers');
@@ -217,14 +219,14 @@ function rawExchange(text) {
 }
 
 test('a request Node cannot parse gets a status and a closed connection, not a reset', async () => {
-  const before = records.length;
-  const target = suite.origin.url('/bytes/10');
+  // Its own URL: records of earlier tests may still be arriving.
+  const target = suite.origin.url('/bytes/10?unparsed=1');
   const oversize = await rawExchange(`GET ${target} HTTP/1.1\r\nHost: x\r\nX-Big: ${'a'.repeat(100000)}\r\n\r\n`);
   assert.match(oversize, /^HTTP\/1\.1 431 Request Header Fields Too Large\r\n/);
   assert.match(oversize, /\r\nConnection: close\r\n/i);
   const malformed = await rawExchange(`GET ${target} HTTP/1.1\r\nHost: x\r\nno colon here\r\n\r\n`);
   assert.match(malformed, /^HTTP\/1\.1 400 Bad Request\r\n/);
-  assert.equal(records.length, before, 'a request that could not be parsed was loaded');
+  assert.ok(!records.some((r) => r.url === target), 'a request that could not be parsed was loaded');
   assert.ok(logged.some((line) => /HPE_HEADER_OVERFLOW/.test(line)), 'the oversize request was not logged');
 });
 
@@ -252,18 +254,13 @@ test('what waits for a slow client is bounded: a reader gets a fast body whole, 
     for (const [kind, offset] of [['velora', 0], ['engine', 1]]) {
       current = components[kind];
       // A client reading as fast as it can lags a local origin by megabytes
-      // at times; that must not cost it the body.
+      // at times; that must not cost it the body. It reads in a process of
+      // its own, as a browser does, not on the front's event loop.
       const whole = (128 << 20) + offset;
       const readUrl = suite.origin.url(`/bytes/${whole}?reader=${kind}`);
-      const received = await new Promise((resolve, reject) => {
-        http.get({ host: '127.0.0.1', port: front.port, path: readUrl }, (res) => {
-          let bytes = 0;
-          res.on('data', (piece) => { bytes += piece.length; });
-          res.on('end', () => resolve(bytes));
-          res.on('error', reject);
-        }).on('error', reject);
-      });
-      assert.equal(received, whole, `${kind}: a reading client lost its body`);
+      const { stdout } = await execFile('curl', ['-s', '-o', '/dev/null', '-w', '%{size_download}',
+        '--max-time', '50', '-x', `http://127.0.0.1:${front.port}`, readUrl]);
+      assert.equal(Number(stdout), whole, `${kind}: a reading client lost its body`);
 
       const size = (256 << 20) + offset;
       const pathname = `/bytes/${size}`;
