@@ -348,11 +348,6 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
   std::lock_guard<std::mutex> running(self->bodyCallbackMutex_);
   bool chunked = OH_ArkWebHttpBodyStream_IsChunked(stream);
   uint64_t size = OH_ArkWebHttpBodyStream_GetSize(stream);
-  // A chunked stream has no size: it is read in full pieces until its end.
-  self->bodyData_.size =
-      (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
-  self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
-  self->bodyData_.readSize = self->bodyData_.size - 1;
   tide::Log::build(tide::kInfo, kRequestTag)
       .event("bodyReadCallback", self->tag_)
       .key("url")
@@ -362,7 +357,27 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
       .key("size")
       .value(size)
       .done();
+  if (!chunked && size == 0) {
+    // A read must ask for at least one byte: an empty body is over before
+    // it starts.
+    self->endBody();
+    return;
+  }
+  // A chunked stream has no size: it is read in full pieces until its end.
+  self->bodyData_.size =
+      (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
+  self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
+  self->bodyData_.readSize = self->bodyData_.size - 1;
   self->readNextBodyPart();
+}
+
+void WebRequest::endBody() {
+  if (std::shared_ptr<NetRequest> netRequest = std::atomic_load(&netRequest_)) {
+    static const unsigned char kNothing = 0;
+    netRequest->setRequestBodyData(&kNothing, 0, true);
+  }
+  destroyArkWebBody();
+  destroyBodyData();
 }
 
 void WebRequest::readNextBodyPart() {

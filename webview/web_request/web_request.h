@@ -82,6 +82,8 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   void copyRequestHeaders();
   void logPrefetchHit();
   void readNextBodyPart();
+  // Gives the outgoing request an empty last piece and lets go of the stream.
+  void endBody();
   void logBodyRead(const char* event, int bytesRead, bool eof) const;
 
   timespec startTime_{};
