@@ -121,6 +121,29 @@ TEST(RequestPath, UploadsArriveByteExactSizedAndChunked) {
   EXPECT_EQ(broken.count, 0u) << broken.first;
 }
 
+TEST(RequestPath, AnUploadWhoseBodyCannotBeReadFailsThePageAndNeverGoesOut) {
+  OriginServer origin;
+  BoundPage page("page");
+  tide::LogCapture log;
+  LoadOptions upload(origin.url("/echo"));
+  upload.method = "POST";
+  upload.body = "abc";
+  upload.bodyInitError = ARKWEB_ERR_FILE_NOT_FOUND;
+  LoadResult result = page.load(upload);
+  EXPECT_TRUE(result.intercepted);
+  EXPECT_EQ(result.error, ARKWEB_ERR_FAILED);
+  auto failed = log.find("finished", "Velora/Network");
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed[0]["level"], 1);
+  EXPECT_NE(failed[0]["error"].get<std::string>().find("upload body could not be read"),
+            std::string::npos)
+      << failed[0];
+  EXPECT_TRUE(velora_test::waitFor([&] { return log.find("~WebRequest").size() == 1; }));
+  EXPECT_EQ(origin.count("/echo"), 0);
+  arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
+  EXPECT_EQ(broken.count, 0u) << broken.first;
+}
+
 TEST(RequestPath, FailuresBeforeTheResponseAfterItAndErrorStatuses) {
   velora_test::TempDir dir;
   alarmUseStatsFile(dir.file("stats.jsonl"));

@@ -209,13 +209,6 @@ void WebRequest::sendNetRequest() {
 
   ArkWeb_HttpBodyStream* stream = nullptr;
   OH_ArkWebResourceRequest_GetHttpBodyStream(request_, &stream);
-  if (stream) {
-    bodyStream_.store(stream);
-    netRequest->createRequestBody();
-    OH_ArkWebHttpBodyStream_SetUserData(stream, this);
-    OH_ArkWebHttpBodyStream_SetReadCallback(stream, ReadCallback);
-    OH_ArkWebHttpBodyStream_Init(stream, InitCallback);
-  }
   startTime_ = now();
 
   auto entry = tide::Log::build(tide::kInfo, kNetworkTag);
@@ -236,7 +229,22 @@ void WebRequest::sendNetRequest() {
       .key("hasBody")
       .value(stream != nullptr)
       .done();
-  netRequest->sendRequest();
+  if (!stream) {
+    netRequest->sendRequest();
+    return;
+  }
+  // A request with a body goes out once the body can be read (InitCallback):
+  // a body that cannot be read never reaches the server as a cut-short
+  // request.
+  bodyStream_.store(stream);
+  netRequest->createRequestBody();
+  OH_ArkWebHttpBodyStream_SetUserData(stream, this);
+  OH_ArkWebHttpBodyStream_SetReadCallback(stream, ReadCallback);
+  int32_t started = OH_ArkWebHttpBodyStream_Init(stream, InitCallback);
+  if (started != ARKWEB_SUCCESS) {
+    std::lock_guard<std::mutex> running(bodyCallbackMutex_);
+    failBodyInit(started);
+  }
 }
 
 void WebRequest::netStop() {
@@ -341,11 +349,21 @@ void WebRequest::onError(int code, ArkWeb_NetError /*error*/, const std::string&
 
 // ---- Upload pump ----
 
-void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError /*result*/) {
+void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError result) {
   auto* self = static_cast<WebRequest*>(OH_ArkWebHttpBodyStream_GetUserData(stream));
   if (!self)
     return;
   std::lock_guard<std::mutex> running(self->bodyCallbackMutex_);
+  if (result != ARKWEB_NET_OK) {
+    self->failBodyInit(result);
+    return;
+  }
+  std::shared_ptr<NetRequest> netRequest = std::atomic_load(&self->netRequest_);
+  if (!netRequest) {
+    self->destroyArkWebBody();
+    self->destroyBodyData();
+    return;
+  }
   bool chunked = OH_ArkWebHttpBodyStream_IsChunked(stream);
   uint64_t size = OH_ArkWebHttpBodyStream_GetSize(stream);
   tide::Log::build(tide::kInfo, kRequestTag)
@@ -361,14 +379,24 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
     // A read must ask for at least one byte: an empty body is over before
     // it starts.
     self->endBody();
-    return;
+  } else {
+    // A chunked stream has no size: it is read in full pieces until its end.
+    self->bodyData_.size =
+        (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
+    self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
+    self->bodyData_.readSize = self->bodyData_.size - 1;
+    self->readNextBodyPart();
   }
-  // A chunked stream has no size: it is read in full pieces until its end.
-  self->bodyData_.size =
-      (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
-  self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
-  self->bodyData_.readSize = self->bodyData_.size - 1;
-  self->readNextBodyPart();
+  netRequest->sendRequest();
+}
+
+void WebRequest::failBodyInit(int result) {
+  destroyArkWebBody();
+  destroyBodyData();
+  // The request never went out: nothing else will answer the page.
+  onError(result, ARKWEB_ERR_FAILED,
+          "the upload body could not be read (its stream failed to initialize with " +
+              std::to_string(result) + "); the request was not sent");
 }
 
 void WebRequest::endBody() {
@@ -396,6 +424,21 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
     self->destroyArkWebBody();
     self->destroyBodyData();
     self->logBodyRead("bodyReadCallbackNetRequestNull", bytesRead, eof);
+    return;
+  }
+  if (bytesRead < 0) {
+    // The server has part of a body that will never be complete: the
+    // transfer is stopped, and its failure reaches the page.
+    self->destroyArkWebBody();
+    self->destroyBodyData();
+    tide::Log::build(tide::kError, kRequestTag)
+        .event("bodyReadFailed", self->tag_)
+        .key("url")
+        .value(self->url_)
+        .key("read")
+        .value(bytesRead)
+        .done();
+    netRequest->cancel();
     return;
   }
   bool last = bytesRead == 0 || eof;
