@@ -126,7 +126,13 @@ void WebRequest::CoreStart() {
   if (referrer_)
     headers_["Referer"] = referrer_;
   copyRequestHeaders();
-  if (textOf(method_) == "GET") {
+  ArkWeb_HttpBodyStream* stream = nullptr;
+  OH_ArkWebResourceRequest_GetHttpBodyStream(request_, &stream);
+  bodyStream_.store(stream);
+  // Packages answer bodiless GETs alone. A request with a body is sent from
+  // here: its stream may only be set up on this thread, the engine's IO
+  // thread, and a package lookup answers on its own.
+  if (!stream && textOf(method_) == "GET") {
     sendStrataRequest();
   } else {
     sendNetRequest();
@@ -207,8 +213,7 @@ void WebRequest::sendNetRequest() {
   for (const auto& [name, value] : headers_)
     netRequest->setHeader(name, value);
 
-  ArkWeb_HttpBodyStream* stream = nullptr;
-  OH_ArkWebResourceRequest_GetHttpBodyStream(request_, &stream);
+  ArkWeb_HttpBodyStream* stream = bodyStream_.load();
   startTime_ = now();
 
   auto entry = tide::Log::build(tide::kInfo, kNetworkTag);
@@ -236,7 +241,6 @@ void WebRequest::sendNetRequest() {
   // A request with a body goes out once the body can be read (InitCallback):
   // a body that cannot be read never reaches the server as a cut-short
   // request.
-  bodyStream_.store(stream);
   netRequest->createRequestBody();
   OH_ArkWebHttpBodyStream_SetUserData(stream, this);
   OH_ArkWebHttpBodyStream_SetReadCallback(stream, ReadCallback);

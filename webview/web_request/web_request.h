@@ -51,8 +51,11 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   std::shared_ptr<WebRequest> getSharedRequest() { return shared_from_this(); }
   // True when this main-frame request takes over the page's prefetch.
   bool checkPrefetchUrl();
+  // Sends the request over the network. For a request with a body, on the
+  // engine's IO thread only: the body stream is set up here.
   void sendNetRequest();
-  // GET only: answers from the offline packages, else from the network.
+  // GETs without a body only: answers from the offline packages, else from
+  // the network.
   void sendStrataRequest();
 
   // Exempts the page of `url` (without its query) from interception from now
