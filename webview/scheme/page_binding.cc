@@ -12,8 +12,6 @@ namespace {
 
 constexpr const char* kWebTag = log_tags::kWeb;
 constexpr const char* kPageTag = log_tags::kPage;
-// The component API record must reach past onDestroy (LP64 layout).
-constexpr size_t kComponentApiWithDestroy = 40;
 
 // Fetched once, on the script thread.
 ArkWeb_ComponentAPI* g_componentApi = nullptr;
@@ -38,7 +36,10 @@ void PageBinding::init(const std::shared_ptr<WebInfo>& webInfo) {
     tide::Log::build(tide::kInfo, kPageTag).event("componentApiNotFound", tag).done();
     return;
   }
-  if (g_componentApi->size >= kComponentApiWithDestroy && g_componentApi->onDestroy) {
+  // The record's size field says how many of its members this engine has;
+  // the member's offset comes from this build's own layout (its pointers
+  // are 4 bytes on a 32-bit device).
+  if (!ARKWEB_MEMBER_MISSING(g_componentApi, onDestroy)) {
     g_componentApi->onDestroy(tag.c_str(), OnArkWebDestroyCallback, nullptr);
   } else {
     tide::Log::build(tide::kInfo, kPageTag)

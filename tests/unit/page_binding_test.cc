@@ -1,0 +1,48 @@
+// Binding a host web component to Velora: what the module asks of the engine
+// and what it does when the engine says no.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+
+#include "arkweb_host/rules.h"
+#include "arkweb_host/web_component.h"
+#include "scheme/page_binding.h"
+#include "tide_logger/log_capture.h"
+#include "web/arkweb_interface.h"
+
+using arkweb_host::WebComponent;
+
+namespace {
+
+void bind(const std::string& tag) {
+  auto info = std::make_shared<velora::WebInfo>();
+  info->webTag = tag;
+  velora::PageBinding::init(info);
+  velora::PageBinding::attach(tag);
+}
+
+}  // namespace
+
+TEST(PageBinding, TheDestroyNoticeIsAskedForOnlyWhenTheRecordHoldsIt) {
+  tide::LogCapture log;
+  auto older = WebComponent::create("older");
+  // An engine whose record ends before onDestroy.
+  arkweb_host::setComponentApiSize(offsetof(ArkWeb_ComponentAPI, onDestroy));
+  bind("older");
+  arkweb_host::setComponentApiSize(0);
+  older->destroy();
+  auto missing = log.find("componentApiNotFound", "Velora/Page");
+  ASSERT_EQ(missing.size(), 1u);
+  EXPECT_EQ(missing[0]["fields"]["method"], "destroy");
+  EXPECT_TRUE(log.find("nativeDestroy").empty()) << "no notice was registered";
+
+  auto current = WebComponent::create("current");
+  bind("current");
+  current->destroy();
+  EXPECT_EQ(log.find("componentApiNotFound").size(), 1u);
+  auto destroyed = log.find("nativeDestroy");
+  ASSERT_EQ(destroyed.size(), 1u);
+  EXPECT_EQ(destroyed[0]["id"], "current");
+  arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
+  EXPECT_EQ(broken.count, 0u) << broken.first;
+}
