@@ -7,6 +7,7 @@
 #include "arkweb_host/rules.h"
 #include "arkweb_host/web_component.h"
 #include "scheme/page_binding.h"
+#include "test_support.h"
 #include "tide_logger/log_capture.h"
 #include "web/arkweb_interface.h"
 
@@ -45,4 +46,28 @@ TEST(PageBinding, TheDestroyNoticeIsAskedForOnlyWhenTheRecordHoldsIt) {
   EXPECT_EQ(destroyed[0]["id"], "current");
   arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
   EXPECT_EQ(broken.count, 0u) << broken.first;
+}
+
+TEST(PageBinding, AnAttachTheEngineRefusesIsLoggedAndALaterOneStillBinds) {
+  tide::LogCapture log;
+  velora_test::HilogCapture hilog;
+  bind("early");  // before the engine has a component of that tag
+  auto refused = log.find("setSchemeHandlerFailed", "Velora/web");
+  ASSERT_EQ(refused.size(), 2u);
+  EXPECT_EQ(refused[0]["level"], 1);
+  EXPECT_EQ(refused[0]["id"], "early");
+  EXPECT_EQ(refused[0]["fields"]["scheme"], "https");
+  EXPECT_EQ(refused[1]["fields"]["scheme"], "http");
+  EXPECT_FALSE(refused[0]["error"].get<std::string>().empty());
+  EXPECT_TRUE(hilog.contains("set https scheme handler for early"));
+
+  auto web = WebComponent::create("early");
+  velora::PageBinding::attach("early");
+  arkweb_host::LoadOptions options("http://127.0.0.1:1/page");
+  EXPECT_TRUE(web->loadAndWait(options).intercepted);
+  EXPECT_EQ(log.find("setSchemeHandlerFailed").size(), 2u);
+  web->destroy();
+  auto destroyed = log.find("nativeDestroy");
+  ASSERT_EQ(destroyed.size(), 1u);
+  EXPECT_EQ(destroyed[0]["fields"]["removed"], true);
 }
