@@ -25,6 +25,7 @@ struct BodySource {
   std::string bytes;
   bool chunked = false;
   int initError = 0;  // an ArkWeb_NetError the stream's Init ends with; 0: it succeeds
+  int readError = 0;  // an ArkWeb_NetError reads end with after the first piece; 0: none
 };
 
 struct ArkWeb_ResourceRequest_ {

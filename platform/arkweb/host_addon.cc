@@ -3,7 +3,7 @@
 //   const host = require('./build/arkweb_host.node');
 //   const web = host.createWebComponent('page1');
 //   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
-//                                bodyInitError, onResponse(status, headers) {},
+//                                bodyInitError, bodyReadError, onResponse(status, headers) {},
 //                                onData(chunk, atMs) {}, cancelAfterMs, keepBody, signal });
 //   web.destroy();
 //   host.takeRuleViolations();  // { count, first }: SDK rules broken since the last call
@@ -452,9 +452,13 @@ napi_value Load(napi_env env, napi_callback_info info) {
     if (typeOf(env, value) == napi_boolean)
       napi_get_value_bool(env, value, target);
   }
-  value = property(env, options, "bodyInitError");
-  if (typeOf(env, value) == napi_number)
-    napi_get_value_int32(env, value, &load.bodyInitError);
+  const std::pair<const char*, int*> errors[] = {{"bodyInitError", &load.bodyInitError},
+                                                 {"bodyReadError", &load.bodyReadError}};
+  for (const auto& [name, target] : errors) {
+    value = property(env, options, name);
+    if (typeOf(env, value) == napi_number)
+      napi_get_value_int32(env, value, target);
+  }
   value = property(env, options, "cancelAfterMs");
   if (typeOf(env, value) == napi_number) {
     double ms = 0;

@@ -349,18 +349,23 @@ void OH_ArkWebHttpBodyStream_Read(const ArkWeb_HttpBodyStream* stream,
   // The bytes are copied on the worker; the callback comes back on the
   // thread that asked, as on the device.
   arkweb_host::workerThread().post([state, stream, buffer, bufLen] {
-    int copied = 0;
+    int result = 0;
     {
       std::lock_guard<std::recursive_mutex> lock(state->mutex);
       if (state->destroyed)
         return;
-      const std::string& bytes = state->source->bytes;
-      size_t n = std::min<size_t>(static_cast<size_t>(bufLen), bytes.size() - state->position);
-      std::memcpy(buffer, bytes.data() + state->position, n);
-      state->position += n;
-      copied = static_cast<int>(n);
+      const BodySource& source = *state->source;
+      if (source.readError && state->position > 0) {
+        result = source.readError;
+      } else {
+        size_t n =
+            std::min<size_t>(static_cast<size_t>(bufLen), source.bytes.size() - state->position);
+        std::memcpy(buffer, source.bytes.data() + state->position, n);
+        state->position += n;
+        result = static_cast<int>(n);
+      }
     }
-    answerRead(state, stream, buffer, copied);
+    answerRead(state, stream, buffer, result);
   });
 }
 

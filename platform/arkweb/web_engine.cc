@@ -297,6 +297,7 @@ class PageLoad : public Load {
       body->bytes = *options_.body;
       body->chunked = options_.chunked;
       body->initError = options_.bodyInitError;
+      body->readError = options_.bodyReadError;
       request->body = body;
     }
     auto* resourceHandler = new ArkWeb_ResourceHandler_{shared_from_this()};

@@ -118,15 +118,16 @@ TEST(RequestPath, UploadsArriveByteExactSizedAndChunked) {
   }
 }
 
-TEST(RequestPath, AnUploadWhoseBodyCannotBeReadFailsThePageAndNeverGoesOut) {
+TEST(RequestPath, AnUploadWhoseBodyCannotBeReadFailsThePage) {
   OriginServer origin;
   BoundPage page("page");
   tide::LogCapture log;
-  LoadOptions upload(origin.url("/echo"));
-  upload.method = "POST";
-  upload.body = "abc";
-  upload.bodyInitError = ARKWEB_ERR_FILE_NOT_FOUND;
-  LoadResult result = page.load(upload);
+  // The stream cannot even start: the request never goes out.
+  LoadOptions unreadable(origin.url("/echo"));
+  unreadable.method = "POST";
+  unreadable.body = "abc";
+  unreadable.bodyInitError = ARKWEB_ERR_FILE_NOT_FOUND;
+  LoadResult result = page.load(unreadable);
   EXPECT_TRUE(result.intercepted);
   EXPECT_EQ(result.error, ARKWEB_ERR_FAILED);
   auto failed = log.find("finished", "Velora/Network");
@@ -137,6 +138,20 @@ TEST(RequestPath, AnUploadWhoseBodyCannotBeReadFailsThePageAndNeverGoesOut) {
       << failed[0];
   EXPECT_TRUE(velora_test::waitFor([&] { return log.find("~WebRequest").size() == 1; }));
   EXPECT_EQ(origin.count("/echo"), 0);
+
+  // The stream fails after its first piece: the transfer stops at once,
+  // rather than when the server tires of waiting for the rest.
+  LoadOptions cutShort(origin.url("/echo"));
+  cutShort.method = "PUT";
+  cutShort.body = patternBytes(3, 10000);
+  cutShort.bodyReadError = ARKWEB_ERR_ACCESS_DENIED;
+  result = page.load(cutShort);
+  EXPECT_EQ(result.error, ARKWEB_ERR_FAILED);
+  EXPECT_LT(result.timing.finish - result.timing.start, 5000);
+  auto readFailed = log.find("bodyReadFailed", "Velora/web_request");
+  ASSERT_EQ(readFailed.size(), 1u);
+  EXPECT_EQ(readFailed[0]["level"], 1);
+  EXPECT_EQ(readFailed[0]["fields"]["read"], ARKWEB_ERR_ACCESS_DENIED);
 }
 
 TEST(RequestPath, FailuresBeforeTheResponseAfterItAndErrorStatuses) {

@@ -32,6 +32,9 @@ struct LoadOptions {
   // The body's stream fails to initialize with this ArkWeb_NetError, as one
   // whose file went away does; 0: it initializes.
   int bodyInitError = 0;
+  // Reads of the body's stream after its first piece fail with this
+  // ArkWeb_NetError, as a file that changes while it is sent does; 0: none.
+  int bodyReadError = 0;
   // Cancels the load this long after it started, as a page that navigates
   // away does; 0: before it goes out; negative: never.
   long cancelAfterMs = -1;
