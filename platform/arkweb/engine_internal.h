@@ -24,6 +24,8 @@ struct ArkWeb_SchemeHandler_ {
 struct BodySource {
   std::string bytes;
   bool chunked = false;
+  int initError = 0;  // an ArkWeb_NetError the stream's Init ends with; 0: it succeeds
+  int readError = 0;  // an ArkWeb_NetError reads end with after the first piece; 0: none
 };
 
 struct ArkWeb_ResourceRequest_ {
@@ -55,14 +57,15 @@ struct ArkWeb_RequestHeaderList_ {
 };
 
 // State of an upload stream; the handle the app holds points at it. Reads
-// run on the engine's worker thread and call back under `mutex`, so
-// destroying the handle from another thread waits for a running callback,
-// and a callback may destroy its own handle.
+// copy on the engine's worker thread; Init and Read complete on the IO
+// thread, where they were called, and call back under `mutex`, so destroying
+// the handle from another thread waits for a running callback, and a
+// callback may destroy its own handle.
 struct BodyStreamState {
   std::recursive_mutex mutex;
   std::shared_ptr<const BodySource> source;
   uint64_t position = 0;
-  bool initialized = false;
+  bool initialized = false;  // Init completed successfully
   bool destroyed = false;
   void* userData = nullptr;
   ArkWeb_HttpBodyStreamReadCallback readCallback = nullptr;
@@ -79,10 +82,14 @@ inline constexpr char kEngineLogTag[] = "ArkWeb/host";
 
 class Load;
 
-// The engine's threads: "io" runs the scheme handler's callbacks, "worker"
-// serves upload reads.
+// The engine's threads: "io" runs the scheme handler's callbacks and is the
+// one thread for body-stream calls, "worker" copies upload bytes.
 TaskRunner& ioThread();
 TaskRunner& workerThread();
+
+// A call broke one of the rules in arkweb_host/rules.h: logs `what` at error
+// level and counts it; refusing the call is the caller's part. Any thread.
+void reportRuleViolation(const std::string& what);
 
 // Engine-allocated strings: the app releases each with OH_ArkWeb_ReleaseString,
 // whatever became of the request it came from, as on the device. Strings

@@ -3,9 +3,10 @@
 //   const host = require('./build/arkweb_host.node');
 //   const web = host.createWebComponent('page1');
 //   const res = await web.load({ url, method, headers, mainFrame, body, chunked,
-//                                onResponse(status, headers) {}, onData(chunk, atMs) {},
-//                                cancelAfterMs, keepBody, signal });
+//                                bodyInitError, bodyReadError, onResponse(status, headers) {},
+//                                onData(chunk, atMs) {}, cancelAfterMs, keepBody, signal });
 //   web.destroy();
+//   host.takeRuleViolations();  // { count, first }: SDK rules broken since the last call
 //   host.loadAbility(libraryPath, 'SSRAbility');           // true when found
 //   const result = await host.callAbility('SSRAbility', 'setFirstChunkCache',
 //                                         { pageUrl: url }, { html });
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "arkweb/body_blocks.h"
+#include "arkweb_host/rules.h"
 #include "arkweb_host/web_component.h"
 #include "napi/native_api.h"
 #include "omni/ability.h"
@@ -450,6 +452,13 @@ napi_value Load(napi_env env, napi_callback_info info) {
     if (typeOf(env, value) == napi_boolean)
       napi_get_value_bool(env, value, target);
   }
+  const std::pair<const char*, int*> errors[] = {{"bodyInitError", &load.bodyInitError},
+                                                 {"bodyReadError", &load.bodyReadError}};
+  for (const auto& [name, target] : errors) {
+    value = property(env, options, name);
+    if (typeOf(env, value) == napi_number)
+      napi_get_value_int32(env, value, target);
+  }
   value = property(env, options, "cancelAfterMs");
   if (typeOf(env, value) == napi_number) {
     double ms = 0;
@@ -574,6 +583,17 @@ napi_value WaitIdle(napi_env, napi_callback_info) {
   return nullptr;
 }
 
+napi_value TakeRuleViolations(napi_env env, napi_callback_info) {
+  arkweb_host::RuleViolations taken = arkweb_host::takeRuleViolations();
+  napi_value result, count, first;
+  NAPI_OK(napi_create_object(env, &result));
+  NAPI_OK(napi_create_double(env, static_cast<double>(taken.count), &count));
+  NAPI_OK(napi_create_string_utf8(env, taken.first.data(), taken.first.size(), &first));
+  NAPI_OK(napi_set_named_property(env, result, "count", count));
+  NAPI_OK(napi_set_named_property(env, result, "first", first));
+  return result;
+}
+
 // JSON.stringify(value) / JSON.parse(text) of the script runtime.
 bool jsonCall(napi_env env, const char* method, napi_value argument, napi_value* result) {
   napi_value global, json, function;
@@ -671,6 +691,8 @@ napi_value Init(napi_env env, napi_value exports) {
       {"registerPlatformModule", nullptr, RegisterPlatformModule, nullptr, nullptr, nullptr,
        napi_enumerable, nullptr},
       {"waitIdle", nullptr, WaitIdle, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
+      {"takeRuleViolations", nullptr, TakeRuleViolations, nullptr, nullptr, nullptr,
+       napi_enumerable, nullptr},
       {"loadAbility", nullptr, LoadAbility, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
       {"callAbility", nullptr, CallAbility, nullptr, nullptr, nullptr, napi_enumerable, nullptr},
   };

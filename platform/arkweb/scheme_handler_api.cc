@@ -1,9 +1,13 @@
 // The ArkWeb scheme-handler C API on the host engine. Misuse that the
 // device tolerates (calls on ended requests, a second response) is ignored
-// with a hilog line.
+// with a hilog line; calls that break a rule the SDK states are refused and
+// counted (arkweb_host/rules.h).
 #include <strings.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -64,6 +68,30 @@ int32_t invalid(const char* function) {
 void out(char** target, const std::string& text) {
   if (target)
     *target = copyString(text);
+}
+
+// What makes a read break the rules, or null when it keeps them.
+const char* brokenReadRule(BodyStreamState& state, const uint8_t* buffer, int bufLen) {
+  if (!arkweb_host::ioThread().runsTasksOnCurrentThread())
+    return "called off the engine's IO thread";
+  if (bufLen <= 0)
+    return "asked for no bytes: bufLen must be positive";
+  if (!buffer)
+    return "called without a buffer";
+  std::lock_guard<std::recursive_mutex> lock(state.mutex);
+  return state.initialized ? nullptr : "called before the stream initialized successfully";
+}
+
+// Runs the read callback on the IO thread unless the stream is gone by then.
+void answerRead(std::shared_ptr<BodyStreamState> state,
+                const ArkWeb_HttpBodyStream* stream,
+                uint8_t* buffer,
+                int result) {
+  arkweb_host::ioThread().post([state, stream, buffer, result] {
+    std::lock_guard<std::recursive_mutex> lock(state->mutex);
+    if (!state->destroyed && state->readCallback)
+      state->readCallback(stream, buffer, result);
+  });
 }
 
 }  // namespace
@@ -284,13 +312,20 @@ int32_t OH_ArkWebHttpBodyStream_Init(ArkWeb_HttpBodyStream* stream,
                                      ArkWeb_HttpBodyStreamInitCallback initCallback) {
   if (!stream || !initCallback)
     return invalid(__func__);
+  if (!arkweb_host::ioThread().runsTasksOnCurrentThread()) {
+    arkweb_host::reportRuleViolation(
+        "OH_ArkWebHttpBodyStream_Init called off the engine's IO thread");
+    return ARKWEB_INVALID_PARAM;
+  }
   std::shared_ptr<BodyStreamState> state = stream->state;
-  arkweb_host::workerThread().post([state, stream, initCallback] {
+  // Completes later, as a stream whose bytes must first be found does.
+  arkweb_host::ioThread().post([state, stream, initCallback] {
     std::lock_guard<std::recursive_mutex> lock(state->mutex);
     if (state->destroyed)
       return;
-    state->initialized = true;
-    initCallback(stream, ARKWEB_NET_OK);
+    auto result = static_cast<ArkWeb_NetError>(state->source->initError);
+    state->initialized = result == ARKWEB_NET_OK;
+    initCallback(stream, result);
   });
   return ARKWEB_SUCCESS;
 }
@@ -298,26 +333,39 @@ int32_t OH_ArkWebHttpBodyStream_Init(ArkWeb_HttpBodyStream* stream,
 void OH_ArkWebHttpBodyStream_Read(const ArkWeb_HttpBodyStream* stream,
                                   uint8_t* buffer,
                                   int bufLen) {
-  // A zero-length read is answered with zero bytes (an empty sized body ends
-  // on its first read).
-  if (!stream || !buffer || bufLen < 0) {
+  if (!stream) {
     invalid(__func__);
     return;
   }
   std::shared_ptr<BodyStreamState> state = stream->state;
+  if (const char* broken = brokenReadRule(*state, buffer, bufLen)) {
+    arkweb_host::reportRuleViolation("OH_ArkWebHttpBodyStream_Read(bufLen " +
+                                     std::to_string(bufLen) + ") " + broken);
+    // Still answered, so the caller's upload ends rather than waits forever:
+    // an empty ask reads nothing, anything else fails.
+    answerRead(state, stream, buffer, bufLen == 0 ? 0 : ARKWEB_ERR_INVALID_ARGUMENT);
+    return;
+  }
+  // The bytes are copied on the worker; the callback comes back on the
+  // thread that asked, as on the device.
   arkweb_host::workerThread().post([state, stream, buffer, bufLen] {
-    std::lock_guard<std::recursive_mutex> lock(state->mutex);
-    if (state->destroyed)
-      return;
-    if (!state->initialized) {
-      OH_LOG_Print(LOG_APP, LOG_WARN, 0, kEngineLogTag, "OH_ArkWebHttpBodyStream_Read before Init");
+    int result = 0;
+    {
+      std::lock_guard<std::recursive_mutex> lock(state->mutex);
+      if (state->destroyed)
+        return;
+      const BodySource& source = *state->source;
+      if (source.readError && state->position > 0) {
+        result = source.readError;
+      } else {
+        size_t n =
+            std::min<size_t>(static_cast<size_t>(bufLen), source.bytes.size() - state->position);
+        std::memcpy(buffer, source.bytes.data() + state->position, n);
+        state->position += n;
+        result = static_cast<int>(n);
+      }
     }
-    const std::string& bytes = state->source->bytes;
-    size_t n = std::min<size_t>(static_cast<size_t>(bufLen), bytes.size() - state->position);
-    std::memcpy(buffer, bytes.data() + state->position, n);
-    state->position += n;
-    if (state->readCallback)
-      state->readCallback(stream, buffer, static_cast<int>(n));
+    answerRead(state, stream, buffer, result);
   });
 }
 

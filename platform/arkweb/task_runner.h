@@ -24,6 +24,8 @@ class TaskRunner {
   void postDelayed(std::function<void()> task, long delayMs);
   // Blocks until no task is due or running (delayed tasks do not count).
   void waitIdle();
+  // True on the runner's own thread, where its tasks run.
+  bool runsTasksOnCurrentThread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
  private:
   void loop();

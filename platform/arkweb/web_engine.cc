@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdlib>
 #include <future>
 #include <map>
@@ -296,6 +297,8 @@ class PageLoad : public Load {
       auto body = std::make_shared<BodySource>();
       body->bytes = *options_.body;
       body->chunked = options_.chunked;
+      body->initError = options_.bodyInitError;
+      body->readError = options_.bodyReadError;
       request->body = body;
     }
     auto* resourceHandler = new ArkWeb_ResourceHandler_{shared_from_this()};
@@ -484,6 +487,23 @@ class WebComponentImpl : public WebComponent {
   std::string tag_;
 };
 
+ArkWeb_ComponentAPI& componentRecord();
+
+// A member beyond the record's size does not exist for the caller: a module
+// that reaches it anyway would crash on an engine whose record is shorter.
+bool recordHolds(size_t offset, size_t size, const char* member) {
+  size_t recordSize = componentRecord().size;
+  if (offset + size <= recordSize)
+    return true;
+  reportRuleViolation(std::string("ArkWeb_ComponentAPI::") + member +
+                      " called, but the record's size (" + std::to_string(recordSize) +
+                      ") does not hold it");
+  return false;
+}
+
+#define RECORD_HOLDS(member) \
+  recordHolds(offsetof(ArkWeb_ComponentAPI, member), sizeof(ArkWeb_ComponentAPI::member), #member)
+
 void registerNotice(std::map<std::string, std::vector<Notice>> Registry::*table,
                     const char* webTag,
                     ArkWeb_OnComponentCallback callback,
@@ -495,16 +515,29 @@ void registerNotice(std::map<std::string, std::vector<Notice>> Registry::*table,
 }
 
 void onControllerAttached(const char* tag, ArkWeb_OnComponentCallback cb, void* data) {
-  registerNotice(&Registry::onAttached, tag, cb, data);
+  if (RECORD_HOLDS(onControllerAttached))
+    registerNotice(&Registry::onAttached, tag, cb, data);
 }
 void onPageBegin(const char* tag, ArkWeb_OnComponentCallback cb, void* data) {
-  registerNotice(&Registry::onPageBegin, tag, cb, data);
+  if (RECORD_HOLDS(onPageBegin))
+    registerNotice(&Registry::onPageBegin, tag, cb, data);
 }
 void onPageEnd(const char* tag, ArkWeb_OnComponentCallback cb, void* data) {
-  registerNotice(&Registry::onPageEnd, tag, cb, data);
+  if (RECORD_HOLDS(onPageEnd))
+    registerNotice(&Registry::onPageEnd, tag, cb, data);
 }
 void onDestroy(const char* tag, ArkWeb_OnComponentCallback cb, void* data) {
-  registerNotice(&Registry::onDestroy, tag, cb, data);
+  if (RECORD_HOLDS(onDestroy))
+    registerNotice(&Registry::onDestroy, tag, cb, data);
+}
+
+#undef RECORD_HOLDS
+
+// The engine's one component API record: the same pointer on every call.
+ArkWeb_ComponentAPI& componentRecord() {
+  static ArkWeb_ComponentAPI record = {sizeof(ArkWeb_ComponentAPI), onControllerAttached,
+                                       onPageBegin, onPageEnd, onDestroy};
+  return record;
 }
 
 }  // namespace
@@ -693,8 +726,14 @@ void waitIdle() {
   }
   ioThread().waitIdle();
   workerThread().waitIdle();
+  // A read copied on the worker answers on the IO thread.
+  ioThread().waitIdle();
   // Background writes (stores, first chunks) the loads left behind.
   tern::waitAllExecutorsIdle();
+}
+
+void setComponentApiSize(size_t size) {
+  componentRecord().size = size ? size : sizeof(ArkWeb_ComponentAPI);
 }
 
 }  // namespace arkweb_host
@@ -740,11 +779,8 @@ int32_t OH_ArkWebServiceWorker_ClearSchemeHandlers() {
 }
 
 ArkWeb_AnyNativeAPI* OH_ArkWeb_GetNativeAPI(ArkWeb_NativeAPIVariantKind type) {
-  static ArkWeb_ComponentAPI component = {
-      sizeof(ArkWeb_ComponentAPI), arkweb_host::onControllerAttached, arkweb_host::onPageBegin,
-      arkweb_host::onPageEnd, arkweb_host::onDestroy};
   if (type == ARKWEB_NATIVE_COMPONENT)
-    return reinterpret_cast<ArkWeb_AnyNativeAPI*>(&component);
+    return reinterpret_cast<ArkWeb_AnyNativeAPI*>(&arkweb_host::componentRecord());
   return nullptr;
 }
 

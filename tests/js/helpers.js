@@ -77,7 +77,8 @@ class Sandbox {
 // data folder and log (set before the addons read them), the local origin,
 // and the structured log's entries by event name.
 function inProcessSuite(prefix) {
-  const { before, after } = require('node:test');
+  const { before, after, afterEach } = require('node:test');
+  const assert = require('node:assert/strict');
   const { startOrigin } = require('./origin');
   const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), prefix));
   process.env.VELORA_DATA_DIR = dataDir;
@@ -91,6 +92,12 @@ function inProcessSuite(prefix) {
     events: (name) => readJsonLines(process.env.VELORA_LOG).filter((e) => e.event === name),
   };
   before(async () => { suite.origin = await startOrigin(); });
+  // The host engine counts the calls that break the ArkWeb SDK's rules, which
+  // a device would let through: every test must leave none.
+  afterEach(() => {
+    const broken = suite.host.takeRuleViolations();
+    assert.equal(broken.count, 0, `calls broke the ArkWeb SDK's rules; the first: ${broken.first}`);
+  });
   after(() => {
     suite.origin.stop();
     fs.rmSync(dataDir, { recursive: true, force: true });

@@ -51,6 +51,17 @@ test('the prefetch bridge calls each script callback with its documented argumen
   ]);
 });
 
+test('a cookie lookup that fails logs why and answers no cookie, throwing nothing', () => {
+  const failures = () => fs.readFileSync(process.env.VELORA_HILOG, 'utf8').split('\n')
+    .filter((line) => / E A00000\/Velora\/prefetch_network: cookie lookup: /.test(line));
+  assert.equal(probe.getCookie('https://h.test/page'), '');  // nothing registered yet
+  assert.match(failures()[0], /loading @ohos\.web\.webview failed/);
+  host.registerPlatformModule('@ohos.web.webview', { WebCookieManager: {
+    fetchCookieSync() { throw new Error('17100002: invalid url'); } } });
+  assert.equal(probe.getCookie('not a url'), '');
+  assert.match(failures()[1], /WebCookieManager\.fetchCookieSync failed/);
+});
+
 test('the cookie lookup reads the platform module the host registered', () => {
   const calls = [];
   host.registerPlatformModule('@ohos.web.webview', { WebCookieManager: {

@@ -60,7 +60,7 @@ test('body pieces reach onData in order as they arrive, and stay as they came', 
   page.destroy();
 });
 
-test('uploads from script arrive byte-exact, sized and chunked', async () => {
+test('uploads from script arrive byte-exact, sized, chunked and empty; an unreadable one never goes out', async () => {
   const page = bind('upload');
   const body = Buffer.alloc(100000);
   for (let i = 0; i < body.length; i++) body[i] = (i * 7) & 255;
@@ -69,6 +69,13 @@ test('uploads from script arrive byte-exact, sized and chunked', async () => {
     assert.equal(res.intercepted, true);
     assert.ok(res.body.equals(body), `chunked=${chunked}`);
   }
+  const empty = await page.load({ url: suite.origin.url('/echo'), method: 'POST', body: Buffer.alloc(0) });
+  assert.equal(JSON.parse(empty.body).length, 0);
+  const sent = await suite.origin.count('/echo');
+  const unreadable = await page.load({ url: suite.origin.url('/echo'), method: 'POST', body: 'x',
+    bodyInitError: -6 /* ARKWEB_ERR_FILE_NOT_FOUND */ });
+  assert.equal(unreadable.error, -2);  // ARKWEB_ERR_FAILED
+  assert.equal(await suite.origin.count('/echo'), sent);
   page.destroy();
 });
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -13,6 +14,7 @@
 
 #include "arkweb/body_blocks.h"
 #include "arkweb/task_runner.h"
+#include "arkweb_host/rules.h"
 #include "arkweb_host/web_component.h"
 #include "origin_server.h"
 #include "test_support.h"
@@ -255,17 +257,141 @@ TEST(ArkWebEngine, ComponentApiRecordAndDestroyNotice) {
   auto* api =
       reinterpret_cast<ArkWeb_ComponentAPI*>(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COMPONENT));
   ASSERT_NE(api, nullptr);
-  EXPECT_EQ(api->size, 40u);
+  EXPECT_EQ(api->size, sizeof(ArkWeb_ComponentAPI));
   EXPECT_FALSE(ARKWEB_MEMBER_MISSING(api, onDestroy));
   EXPECT_EQ(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COOKIE_MANAGER), nullptr);
 
   auto web = WebComponent::create("engine6");
-  static std::string destroyed;
-  api->onDestroy(
-      "engine6", [](const char* tag, void*) { destroyed = tag; }, nullptr);
+  static std::vector<std::string> destroyed;
+  auto notice = [](const char* tag, void*) { destroyed.push_back(tag); };
+  // A record that ends before onDestroy: the member is not there to call.
+  arkweb_host::setComponentApiSize(offsetof(ArkWeb_ComponentAPI, onDestroy));
+  EXPECT_EQ(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COMPONENT), reinterpret_cast<void*>(api));
+  EXPECT_TRUE(ARKWEB_MEMBER_MISSING(api, onDestroy));
+  EXPECT_FALSE(ARKWEB_MEMBER_MISSING(api, onPageEnd));
+  api->onDestroy("engine6", notice, nullptr);
+  arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
+  EXPECT_EQ(broken.count, 1u);
+  EXPECT_NE(broken.first.find("onDestroy"), std::string::npos) << broken.first;
+  arkweb_host::setComponentApiSize(0);
+  api->onDestroy("engine6", notice, nullptr);
   web->destroy();
-  EXPECT_EQ(destroyed, "engine6");
+  EXPECT_EQ(destroyed, std::vector<std::string>{"engine6"}) << "only the call the record held";
   EXPECT_FALSE(OH_ArkWeb_SetSchemeHandler("http", "engine6", nullptr));
+}
+
+namespace {
+
+// A handler-side upload reader: what its stream callbacks saw, and where.
+struct UploadReader {
+  ArkWeb_HttpBodyStream* stream = nullptr;
+  std::thread::id ioThread;
+  std::mutex mutex;
+  std::vector<int> inits, reads;  // each callback's result, in order
+  std::string bytes;
+  bool offIoThread = false;
+  uint8_t buffer[8] = {};
+  std::promise<void> ended;
+
+  static UploadReader* of(const ArkWeb_HttpBodyStream* stream) {
+    return static_cast<UploadReader*>(OH_ArkWebHttpBodyStream_GetUserData(stream));
+  }
+  void seen(std::vector<int>* results, int result) {
+    std::lock_guard<std::mutex> lock(mutex);
+    results->push_back(result);
+    offIoThread |= std::this_thread::get_id() != ioThread;
+  }
+  // Reads the whole body 3 bytes at a time, as a handler keeping the rules does.
+  static void readOn(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError result) {
+    UploadReader* self = of(stream);
+    self->seen(&self->inits, result);
+    OH_ArkWebHttpBodyStream_Read(stream, self->buffer, 3);
+  }
+  static void collect(const ArkWeb_HttpBodyStream* stream, uint8_t* buffer, int bytesRead) {
+    UploadReader* self = of(stream);
+    self->seen(&self->reads, bytesRead);
+    self->bytes.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(bytesRead));
+    if (OH_ArkWebHttpBodyStream_IsEof(stream))
+      self->ended.set_value();
+    else
+      OH_ArkWebHttpBodyStream_Read(stream, self->buffer, 3);
+  }
+  // Breaks the rules after a failed init: an empty read, then a read before
+  // any successful init.
+  static void misread(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError result) {
+    UploadReader* self = of(stream);
+    self->seen(&self->inits, result);
+    OH_ArkWebHttpBodyStream_Read(stream, self->buffer, 0);
+    OH_ArkWebHttpBodyStream_Read(stream, self->buffer, 4);
+  }
+  static void record(const ArkWeb_HttpBodyStream* stream, uint8_t*, int bytesRead) {
+    UploadReader* self = of(stream);
+    self->seen(&self->reads, bytesRead);
+    if (self->reads.size() == 2)
+      self->ended.set_value();
+  }
+
+  // Starts reading the request's body from the start callback; `offThreadInit`
+  // first tries Init from another thread.
+  void start(ArkWeb_ResourceRequest* request,
+             ArkWeb_HttpBodyStreamInitCallback onInit,
+             ArkWeb_HttpBodyStreamReadCallback onRead,
+             bool offThreadInit = false) {
+    ioThread = std::this_thread::get_id();
+    OH_ArkWebResourceRequest_GetHttpBodyStream(request, &stream);
+    OH_ArkWebHttpBodyStream_SetUserData(stream, this);
+    OH_ArkWebHttpBodyStream_SetReadCallback(stream, onRead);
+    if (offThreadInit) {
+      std::thread([&] {
+        EXPECT_EQ(OH_ArkWebHttpBodyStream_Init(stream, onInit), ARKWEB_INVALID_PARAM);
+      }).join();
+    }
+    EXPECT_EQ(OH_ArkWebHttpBodyStream_Init(stream, onInit), ARKWEB_SUCCESS);
+  }
+  ~UploadReader() { OH_ArkWebResourceRequest_DestroyHttpBodyStream(stream); }
+};
+
+}  // namespace
+
+TEST(ArkWebEngine, BodyStreamsCompleteOnTheIoThreadAndRefuseCallsThatBreakTheirRules) {
+  auto web = WebComponent::create("engine7");
+  TestHandler handler("engine7");
+  LoadOptions upload{"http://example.invalid/up"};
+  upload.method = "POST";
+  upload.body = "hello world";
+
+  UploadReader keeps;
+  handler.onStart = [&](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler* resource) {
+    keeps.start(request, UploadReader::readOn, UploadReader::collect);
+    respond(resource, 200, "");
+    return true;
+  };
+  web->loadAndWait(upload);
+  ASSERT_EQ(keeps.ended.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(keeps.bytes, "hello world");
+  EXPECT_EQ(keeps.inits, std::vector<int>{ARKWEB_NET_OK});
+  EXPECT_EQ(keeps.reads, (std::vector<int>{3, 3, 3, 2}));
+  EXPECT_FALSE(keeps.offIoThread) << "init and read callbacks come back on the IO thread";
+  EXPECT_EQ(arkweb_host::takeRuleViolations().count, 0u);
+
+  UploadReader breaks;
+  upload.bodyInitError = ARKWEB_ERR_FILE_NOT_FOUND;
+  handler.onStart = [&](ArkWeb_ResourceRequest* request, const ArkWeb_ResourceHandler* resource) {
+    breaks.start(request, UploadReader::misread, UploadReader::record, /*offThreadInit=*/true);
+    respond(resource, 200, "");
+    return true;
+  };
+  web->loadAndWait(upload);
+  ASSERT_EQ(breaks.ended.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(breaks.inits, std::vector<int>{ARKWEB_ERR_FILE_NOT_FOUND});
+  // Refused reads are still answered: nothing for the empty one, an error
+  // for the one before a successful init.
+  EXPECT_EQ(breaks.reads, (std::vector<int>{0, ARKWEB_ERR_INVALID_ARGUMENT}));
+  arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
+  EXPECT_EQ(broken.count, 3u);
+  EXPECT_NE(broken.first.find("Init called off the engine's IO thread"), std::string::npos)
+      << broken.first;
+  web->destroy();
 }
 
 // The engine's IO thread: posting order holds across batches and from inside

@@ -6,7 +6,9 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "analytics/host_config.h"
 #include "arkweb_host/web_component.h"
+#include "bound_page.h"
 #include "hilog/log.h"
 #include "origin_server.h"
 #include "scheme/page_binding.h"
@@ -16,7 +18,6 @@
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
 #include "web_request/web_request.h"
-#include "analytics/host_config.h"
 
 namespace fs = std::filesystem;
 using arkweb_host::LoadOptions;
@@ -122,6 +123,24 @@ TEST_F(OfflineCacheTest, MissesCorruptPackagesAndOtherMethodsGoToTheNetwork) {
   EXPECT_NE(posted.body, "cached echo");
   EXPECT_EQ(origin.count("/echo"), 1);
   EXPECT_EQ(log.find("strataStart").size(), 1u);  // only the GET asked the packages
+}
+
+TEST_F(OfflineCacheTest, AGetWithABodyIsSentWithItWithoutAskingThePackages) {
+  OriginServer origin;
+  install({origin.url("/echo?raw=1")}, "cached echo");
+  tide::LogCapture log;
+  // Lookups wait: a request that asked the packages would wait with them,
+  // and set up its body on their thread once they answer.
+  StrataCore::pauseLookups();
+  LoadOptions get(origin.url("/echo?raw=1"));
+  get.body = "payload";
+  velora_test::PendingLoad load(*web_, get);
+  bool ended = load.waitForEnd(std::chrono::seconds(5));
+  StrataCore::resumeLookups();
+  ASSERT_TRUE(ended) << "the load waited for the package lookups";
+  EXPECT_EQ(load.result().body, "payload");
+  EXPECT_EQ(origin.count("/echo"), 1);
+  EXPECT_TRUE(log.find("strataStart").empty());
 }
 
 TEST_F(OfflineCacheTest, ARequestGoneBeforeTheLookupEndsProducesNothing) {

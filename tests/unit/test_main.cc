@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "arkweb_host/rules.h"
 #include "first_chunk/first_chunk_manager.h"
 #include "first_chunk/ssr_client_info.h"
 #include "gantry_ssr/host_config.h"
@@ -36,6 +37,17 @@ class ResetBetweenTests : public ::testing::EmptyTestEventListener {
   }
 };
 
+// The host engine refuses the calls that break the ArkWeb SDK's rules, which
+// a device would let through, and counts them: a test during which any
+// happened fails, whichever code made them.
+class NoRuleViolations : public ::testing::EmptyTestEventListener {
+  void OnTestEnd(const ::testing::TestInfo&) override {
+    arkweb_host::RuleViolations broken = arkweb_host::takeRuleViolations();
+    EXPECT_EQ(broken.count, 0u) << "calls broke the ArkWeb SDK's rules; the first: "
+                                << broken.first;
+  }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -47,5 +59,6 @@ int main(int argc, char** argv) {
   setenv("VELORA_DATA_DIR", dataDir.path().c_str(), 1);
   ::testing::InitGoogleTest(&argc, argv);
   ::testing::UnitTest::GetInstance()->listeners().Append(new ResetBetweenTests);
+  ::testing::UnitTest::GetInstance()->listeners().Append(new NoRuleViolations);
   return RUN_ALL_TESTS();
 }

@@ -42,6 +42,11 @@ void FlumeRequest::setRequestBodyData(const unsigned char* data, int length, boo
                  static_cast<unsigned long>(static_cast<long>(length)), isEof);
 }
 
+void FlumeRequest::cancel() {
+  if (sent_)
+    flume::FLHttpSession::getSession()->cancel(request_);
+}
+
 void FlumeRequest::sendRequest() {
   auto* listener = new FlumeRequestListener(requestCallBack());
   flume::FLHttpSession::getSession()->send(request_, listener);

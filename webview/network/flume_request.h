@@ -21,9 +21,10 @@ class FlumeRequest : public NetRequest {
   void setRequestBodyData(const unsigned char* data, int length, bool isEof) override;
   // Each call sends the request once more with a listener of its own.
   void sendRequest() override;
-  // An HTTP request runs to its end once sent; its results are dropped when
-  // the receiver is gone. Destroying the request stops its transfer.
-  void cancel() override {}
+  // Stops the transfer once sent: the receiver, if still there, gets onError.
+  // Before the send it does nothing. Results of a transfer that runs on are
+  // dropped when the receiver is gone; destroying the request stops it too.
+  void cancel() override;
   std::string name() override { return "FlumeRequest"; }
 
  private:

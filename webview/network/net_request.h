@@ -58,6 +58,8 @@ class NetRequest {
   virtual void setRequestBodyData(const unsigned char* data, int length, bool isEof) = 0;
   // Starts the transfer; results arrive later on the receiver.
   virtual void sendRequest() = 0;
+  // Stops a sent request where the carrier can: its receiver then gets
+  // onError. A carrier whose requests always run to their end ignores it.
   virtual void cancel() = 0;
   // The carrier's class name, for logs.
   virtual std::string name() = 0;

@@ -12,11 +12,29 @@ namespace {
 
 constexpr const char* kWebTag = log_tags::kWeb;
 constexpr const char* kPageTag = log_tags::kPage;
-// The component API record must reach past onDestroy (LP64 layout).
-constexpr size_t kComponentApiWithDestroy = 40;
 
 // Fetched once, on the script thread.
 ArkWeb_ComponentAPI* g_componentApi = nullptr;
+
+// Installs `handler` for `scheme` of the component `webTag`; false, with an
+// error entry, when the engine refuses.
+bool install(const char* scheme, const std::string& webTag, ArkWeb_SchemeHandler* handler) {
+  if (OH_ArkWeb_SetSchemeHandler(scheme, webTag.c_str(), handler))
+    return true;
+  static constexpr char kWhy[] =
+      "the web engine refused the handler, so the page's requests of this scheme are not "
+      "intercepted; attach after the engine is initialized and the component is created";
+  OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kWebTag,
+               "set %{public}s scheme handler for %{public}s: %{public}s", scheme, webTag.c_str(),
+               kWhy);
+  tide::Log::build(tide::kError, kWebTag)
+      .event("setSchemeHandlerFailed", webTag)
+      .key("scheme")
+      .value(scheme)
+      .error(kWhy)
+      .done();
+  return false;
+}
 
 }  // namespace
 
@@ -38,7 +56,10 @@ void PageBinding::init(const std::shared_ptr<WebInfo>& webInfo) {
     tide::Log::build(tide::kInfo, kPageTag).event("componentApiNotFound", tag).done();
     return;
   }
-  if (g_componentApi->size >= kComponentApiWithDestroy && g_componentApi->onDestroy) {
+  // The record's size field says how many of its members this engine has;
+  // the member's offset comes from this build's own layout (its pointers
+  // are 4 bytes on a 32-bit device).
+  if (!ARKWEB_MEMBER_MISSING(g_componentApi, onDestroy)) {
     g_componentApi->onDestroy(tag.c_str(), OnArkWebDestroyCallback, nullptr);
   } else {
     tide::Log::build(tide::kInfo, kPageTag)
@@ -55,21 +76,29 @@ void PageBinding::attach(const std::string& webTag) {
     OH_LOG_Print(LOG_APP, LOG_INFO, 0, kWebTag, "set scheme handler for %{public}s",
                  webTag.c_str());
     tide::Log::build(tide::kInfo, kWebTag).event("setSchemeHandler", webTag).done();
-    if (webInfo->schemeHandler) {
-      // Attached again: the new handler replaces the old one for both schemes.
-      WebInfoManager::retire(
-          webInfo->schemeHandler,
-          static_cast<WebInfoHolder*>(OH_ArkWebSchemeHandler_GetUserData(webInfo->schemeHandler)));
-    }
     ArkWeb_SchemeHandler* handler = nullptr;
     OH_ArkWeb_CreateSchemeHandler(&handler);
-    webInfo->schemeHandler = handler;
-    // Emptied by the destroy notice, never freed (see WebInfoHolder).
-    OH_ArkWebSchemeHandler_SetUserData(handler, new WebInfoHolder{webInfo});
+    auto* holder = new WebInfoHolder{webInfo};
+    OH_ArkWebSchemeHandler_SetUserData(handler, holder);
     OH_ArkWebSchemeHandler_SetOnRequestStart(handler, OnURLRequestStart);
     OH_ArkWebSchemeHandler_SetOnRequestStop(handler, OnURLRequestStop);
-    OH_ArkWeb_SetSchemeHandler("https", webTag.c_str(), handler);
-    OH_ArkWeb_SetSchemeHandler("http", webTag.c_str(), handler);
+    bool https = install("https", webTag, handler);
+    bool http = install("http", webTag, handler);
+    if (!https && !http) {
+      // Installed nowhere, so no start callback can ever read it; the
+      // binding stays as it was, and a later attach may still succeed.
+      OH_ArkWeb_DestroySchemeHandler(handler);
+      delete holder;
+    } else {
+      if (webInfo->schemeHandler) {
+        // Attached again: the new handler replaces the old one.
+        WebInfoManager::retire(webInfo->schemeHandler,
+                               static_cast<WebInfoHolder*>(
+                                   OH_ArkWebSchemeHandler_GetUserData(webInfo->schemeHandler)));
+      }
+      // Emptied by the destroy notice, never freed (see WebInfoHolder).
+      webInfo->schemeHandler = handler;
+    }
   }
   tide::Log::build(tide::kInfo, kPageTag).event("nativeAttach", webTag).done();
 }

@@ -16,7 +16,10 @@ class PageBinding {
   // component's destroy notice. Script thread.
   static void init(const std::shared_ptr<WebInfo>& webInfo);
   // Installs a new scheme handler for the registered component `webTag`;
-  // without a registered component nothing is installed. Script thread.
+  // without a registered component nothing is installed. When the engine
+  // refuses it for both schemes (it is not ready, or has no such component)
+  // the refusal is logged and the binding keeps the handler it had.
+  // Script thread.
   static void attach(const std::string& webTag);
 };
 

@@ -126,7 +126,13 @@ void WebRequest::CoreStart() {
   if (referrer_)
     headers_["Referer"] = referrer_;
   copyRequestHeaders();
-  if (textOf(method_) == "GET") {
+  ArkWeb_HttpBodyStream* stream = nullptr;
+  OH_ArkWebResourceRequest_GetHttpBodyStream(request_, &stream);
+  bodyStream_.store(stream);
+  // Packages answer bodiless GETs alone. A request with a body is sent from
+  // here: its stream may only be set up on this thread, the engine's IO
+  // thread, and a package lookup answers on its own.
+  if (!stream && textOf(method_) == "GET") {
     sendStrataRequest();
   } else {
     sendNetRequest();
@@ -207,15 +213,7 @@ void WebRequest::sendNetRequest() {
   for (const auto& [name, value] : headers_)
     netRequest->setHeader(name, value);
 
-  ArkWeb_HttpBodyStream* stream = nullptr;
-  OH_ArkWebResourceRequest_GetHttpBodyStream(request_, &stream);
-  if (stream) {
-    bodyStream_.store(stream);
-    netRequest->createRequestBody();
-    OH_ArkWebHttpBodyStream_SetUserData(stream, this);
-    OH_ArkWebHttpBodyStream_SetReadCallback(stream, ReadCallback);
-    OH_ArkWebHttpBodyStream_Init(stream, InitCallback);
-  }
+  ArkWeb_HttpBodyStream* stream = bodyStream_.load();
   startTime_ = now();
 
   auto entry = tide::Log::build(tide::kInfo, kNetworkTag);
@@ -236,7 +234,21 @@ void WebRequest::sendNetRequest() {
       .key("hasBody")
       .value(stream != nullptr)
       .done();
-  netRequest->sendRequest();
+  if (!stream) {
+    netRequest->sendRequest();
+    return;
+  }
+  // A request with a body goes out once the body can be read (InitCallback):
+  // a body that cannot be read never reaches the server as a cut-short
+  // request.
+  netRequest->createRequestBody();
+  OH_ArkWebHttpBodyStream_SetUserData(stream, this);
+  OH_ArkWebHttpBodyStream_SetReadCallback(stream, ReadCallback);
+  int32_t started = OH_ArkWebHttpBodyStream_Init(stream, InitCallback);
+  if (started != ARKWEB_SUCCESS) {
+    std::lock_guard<std::mutex> running(bodyCallbackMutex_);
+    failBodyInit(started);
+  }
 }
 
 void WebRequest::netStop() {
@@ -341,18 +353,23 @@ void WebRequest::onError(int code, ArkWeb_NetError /*error*/, const std::string&
 
 // ---- Upload pump ----
 
-void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError /*result*/) {
+void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError result) {
   auto* self = static_cast<WebRequest*>(OH_ArkWebHttpBodyStream_GetUserData(stream));
   if (!self)
     return;
   std::lock_guard<std::mutex> running(self->bodyCallbackMutex_);
+  if (result != ARKWEB_NET_OK) {
+    self->failBodyInit(result);
+    return;
+  }
+  std::shared_ptr<NetRequest> netRequest = std::atomic_load(&self->netRequest_);
+  if (!netRequest) {
+    self->destroyArkWebBody();
+    self->destroyBodyData();
+    return;
+  }
   bool chunked = OH_ArkWebHttpBodyStream_IsChunked(stream);
   uint64_t size = OH_ArkWebHttpBodyStream_GetSize(stream);
-  // A chunked stream has no size: it is read in full pieces until its end.
-  self->bodyData_.size =
-      (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
-  self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
-  self->bodyData_.readSize = self->bodyData_.size - 1;
   tide::Log::build(tide::kInfo, kRequestTag)
       .event("bodyReadCallback", self->tag_)
       .key("url")
@@ -362,7 +379,37 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
       .key("size")
       .value(size)
       .done();
-  self->readNextBodyPart();
+  if (!chunked && size == 0) {
+    // A read must ask for at least one byte: an empty body is over before
+    // it starts.
+    self->endBody();
+  } else {
+    // A chunked stream has no size: it is read in full pieces until its end.
+    self->bodyData_.size =
+        (!chunked && size < kBodyBufferSize) ? static_cast<int>(size) + 1 : kBodyBufferSize;
+    self->bodyData_.buffer = new uint8_t[self->bodyData_.size]();
+    self->bodyData_.readSize = self->bodyData_.size - 1;
+    self->readNextBodyPart();
+  }
+  netRequest->sendRequest();
+}
+
+void WebRequest::failBodyInit(int result) {
+  destroyArkWebBody();
+  destroyBodyData();
+  // The request never went out: nothing else will answer the page.
+  onError(result, ARKWEB_ERR_FAILED,
+          "the upload body could not be read (its stream failed to initialize with " +
+              std::to_string(result) + "); the request was not sent");
+}
+
+void WebRequest::endBody() {
+  if (std::shared_ptr<NetRequest> netRequest = std::atomic_load(&netRequest_)) {
+    static const unsigned char kNothing = 0;
+    netRequest->setRequestBodyData(&kNothing, 0, true);
+  }
+  destroyArkWebBody();
+  destroyBodyData();
 }
 
 void WebRequest::readNextBodyPart() {
@@ -381,6 +428,21 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
     self->destroyArkWebBody();
     self->destroyBodyData();
     self->logBodyRead("bodyReadCallbackNetRequestNull", bytesRead, eof);
+    return;
+  }
+  if (bytesRead < 0) {
+    // The server has part of a body that will never be complete: the
+    // transfer is stopped, and its failure reaches the page.
+    self->destroyArkWebBody();
+    self->destroyBodyData();
+    tide::Log::build(tide::kError, kRequestTag)
+        .event("bodyReadFailed", self->tag_)
+        .key("url")
+        .value(self->url_)
+        .key("read")
+        .value(bytesRead)
+        .done();
+    netRequest->cancel();
     return;
   }
   bool last = bytesRead == 0 || eof;

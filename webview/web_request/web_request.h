@@ -51,8 +51,11 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   std::shared_ptr<WebRequest> getSharedRequest() { return shared_from_this(); }
   // True when this main-frame request takes over the page's prefetch.
   bool checkPrefetchUrl();
+  // Sends the request over the network. For a request with a body, on the
+  // engine's IO thread only: the body stream is set up here.
   void sendNetRequest();
-  // GET only: answers from the offline packages, else from the network.
+  // GETs without a body only: answers from the offline packages, else from
+  // the network.
   void sendStrataRequest();
 
   // Exempts the page of `url` (without its query) from interception from now
@@ -66,7 +69,8 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   static int64_t getTimeDiff(const timespec& start, const timespec& end);
 
   // Upload pump, registered on the engine's body stream; the stream's user
-  // data is the WebRequest.
+  // data is the WebRequest. Both run on the engine's IO thread. A request
+  // with a body is sent from InitCallback, once the body can be read.
   static void InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetError result);
   static void ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buffer, int bytesRead);
 
@@ -82,6 +86,11 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   void copyRequestHeaders();
   void logPrefetchHit();
   void readNextBodyPart();
+  // Gives the outgoing request an empty last piece and lets go of the stream.
+  void endBody();
+  // The body stream could not be initialized (`result`): lets go of it and
+  // fails the page; the outgoing request is never sent. bodyCallbackMutex_ held.
+  void failBodyInit(int result);
   void logBodyRead(const char* event, int bytesRead, bool eof) const;
 
   timespec startTime_{};

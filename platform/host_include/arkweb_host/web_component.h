@@ -4,6 +4,7 @@
 #ifndef ARKWEB_HOST_WEB_COMPONENT_H
 #define ARKWEB_HOST_WEB_COMPONENT_H
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,6 +29,12 @@ struct LoadOptions {
   // upload does.
   std::optional<std::string> body;
   bool chunked = false;
+  // The body's stream fails to initialize with this ArkWeb_NetError, as one
+  // whose file went away does; 0: it initializes.
+  int bodyInitError = 0;
+  // Reads of the body's stream after its first piece fail with this
+  // ArkWeb_NetError, as a file that changes while it is sent does; 0: none.
+  int bodyReadError = 0;
   // Cancels the load this long after it started, as a page that navigates
   // away does; 0: before it goes out; negative: never.
   long cancelAfterMs = -1;
@@ -104,6 +111,11 @@ class WebComponent {
 // Waits until every load started so far has ended, the engine's threads are
 // idle and the background work the loads posted has run.
 void waitIdle();
+
+// The component API record reports `size` in its size field from now on, as
+// the record of an engine that has fewer members does; 0 restores its full
+// size. The record stays where it is. Script thread.
+void setComponentApiSize(size_t size);
 
 }  // namespace arkweb_host
 

@@ -18,8 +18,9 @@ ArkWeb_AnyNativeAPI* OH_ArkWeb_GetNativeAPI(ArkWeb_NativeAPIVariantKind type);
 #define ARKWEB_MEMBER_EXISTS(s, f) \
   ((intptr_t) & ((s)->f) - (intptr_t)(s) + sizeof((s)->f) <= *((size_t*)(s)))
 
-// True when s is NULL or too small to hold member f.
-#define ARKWEB_MEMBER_MISSING(s, f) (!(s) || !ARKWEB_MEMBER_EXISTS(s, f))
+// True when the record s is too small to hold member f, or f is NULL. s itself
+// must not be NULL.
+#define ARKWEB_MEMBER_MISSING(s, f) (!ARKWEB_MEMBER_EXISTS(s, f) || !((s)->f))
 
 #ifdef __cplusplus
 }
