@@ -531,7 +531,8 @@ TEST_F(StrataCoreTest, AZipReinstalledWhileHitsRunNeverServesTheOldArchiveAfterw
     if (g % 2)
       PackageManager::remove("swap");
     std::string error;
-    ASSERT_TRUE(PackageManager::install(zips[g].string(), &error)) << error;
+    EXPECT_TRUE(PackageManager::install(zips[g].string(), &error))
+        << error;  // the hitters still run
     installedGeneration = g;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
