@@ -13,7 +13,7 @@ cmake --build --preset fuzz
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 total=0
-for target in url_codec manifest remote_config hilog; do
+for target in url_codec manifest remote_config hilog zip_archive; do
   mkdir -p "$scratch/$target"
   cp fuzz/corpus/"$target"/* "$scratch/$target"/
   log="$scratch/$target.log"

@@ -2,6 +2,12 @@
 // whole on every change; lookups answered by two worker threads that read the
 // file (from the folder or the .zip) straight into the response.
 //
+// A zipped package is opened once, when it is indexed: the index keeps each
+// resource's place in the archive and hits read it by offset from the kept
+// descriptor, so a hit costs the same whatever the archive holds. Before a
+// read the file is checked to be the one opened; one replaced or rewritten
+// by another process fails that hit and has the folder re-indexed.
+//
 // A page asks for its resources in bursts. A worker that runs out of work
 // watches the queue for a short while before it sleeps, so the lookups of a
 // burst after the first do not pay for waking a thread; one worker at most
@@ -12,7 +18,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <algorithm>
 #include <atomic>
@@ -31,6 +36,7 @@
 #include "common/host_env.h"
 #include "common/json_limits.h"
 #include "hilog/log.h"
+#include "strata/zip_archive.h"
 
 namespace fs = std::filesystem;
 
@@ -60,9 +66,10 @@ struct Resource {
   std::string packageId;
   std::string version;
   std::string packagePath;
-  bool zipped = false;
   std::string file;
   Headers headers;
+  std::shared_ptr<const ZipArchive> archive;  // null for a folder package
+  ZipEntry entry;                             // where the file lies in the archive
 };
 
 struct Index {
@@ -74,6 +81,7 @@ struct Index {
 struct Package {
   PackageInfo info;
   bool zipped = false;
+  std::shared_ptr<ZipArchive> archive;  // a zipped package's, open while indexed
   std::vector<std::pair<std::string, Resource>> exact;
   std::vector<std::pair<std::string, Resource>> anyQuery;
 };
@@ -166,41 +174,6 @@ bool isSafeRelativePath(const std::string& file) {
   return true;
 }
 
-// Reads an entry of at most `limit` bytes. The size the archive declares is
-// only a hint: what is read is bounded by the limit and must match it.
-bool readZipEntry(zip_t* archive, const std::string& name, std::string* out, uint64_t limit) {
-  zip_stat_t stat;
-  zip_stat_init(&stat);
-  if (zip_stat(archive, name.c_str(), 0, &stat) != 0 || !(stat.valid & ZIP_STAT_SIZE))
-    return false;
-  if (stat.size > limit) {
-    OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag,
-                 "%{public}s claims %{public}llu bytes, more than the limit of %{public}llu",
-                 name.c_str(), static_cast<unsigned long long>(stat.size),
-                 static_cast<unsigned long long>(limit));
-    return false;
-  }
-  zip_file_t* file = zip_fopen(archive, name.c_str(), 0);
-  if (!file)
-    return false;
-  out->clear();
-  out->reserve(static_cast<size_t>(std::min<uint64_t>(stat.size, 1u << 20)));
-  char piece[64 * 1024];
-  bool ok = true;
-  for (;;) {
-    zip_int64_t n = zip_fread(file, piece, sizeof(piece));
-    if (n < 0 || out->size() + static_cast<uint64_t>(n) > limit) {
-      ok = false;
-      break;
-    }
-    if (n == 0)
-      break;
-    out->append(piece, static_cast<size_t>(n));
-  }
-  zip_fclose(file);
-  return ok && out->size() == stat.size;
-}
-
 bool readFile(const std::string& path, std::string* out, uint64_t limit) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
@@ -231,25 +204,29 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
   Package package;
   package.zipped = path.size() > 4 && path.compare(path.size() - 4, 4, ".zip") == 0;
   std::string manifestText;
-  zip_t* archive = nullptr;
+  ZipDirectory directory;
   if (package.zipped) {
-    int code = 0;
-    archive = zip_open(path.c_str(), ZIP_RDONLY, &code);
-    if (!archive) {
-      *error = "not a readable zip archive";
+    std::string why;
+    package.archive = ZipArchive::open(path, &directory, &why);
+    if (!package.archive) {
+      *error = "not a readable zip archive: " + why;
       return std::nullopt;
     }
-    if (!readZipEntry(archive, "manifest.json", &manifestText, kMaxManifestBytes)) {
-      zip_close(archive);
+    auto listed = directory.find("manifest.json");
+    ZipEntry entry;
+    if (listed == directory.end()) {
       *error = "no manifest.json at the top of the archive";
+      return std::nullopt;
+    }
+    if (!package.archive->resolve(listed->second, &entry, &why) ||
+        !package.archive->read(entry, &manifestText, kMaxManifestBytes, &why)) {
+      *error = "cannot read manifest.json: " + why;
       return std::nullopt;
     }
   } else if (!readFile(path + "/manifest.json", &manifestText, kMaxManifestBytes)) {
     *error = "no manifest.json in the folder";
     return std::nullopt;
   }
-  std::unique_ptr<zip_t, int (*)(zip_t*)> closer(archive,
-                                                 [](zip_t* a) { return a ? zip_close(a) : 0; });
 
   nlohmann::json manifest;
   try {
@@ -286,9 +263,16 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
       skip("it needs a url and a file path inside the package");
       continue;
     }
+    ZipEntry zipEntry;
     if (package.zipped) {
-      if (zip_name_locate(archive, file.c_str(), 0) < 0) {
+      auto listed = directory.find(file);
+      std::string why;
+      if (listed == directory.end()) {
         skip("the file is not in the archive");
+        continue;
+      }
+      if (!package.archive->resolve(listed->second, &zipEntry, &why)) {
+        skip(why.c_str());
         continue;
       }
     } else {
@@ -299,7 +283,8 @@ std::optional<Package> readPackage(const std::string& path, std::string* error) 
         continue;
       }
     }
-    Resource resource{package.info.id, package.info.version, path, package.zipped, file, {}};
+    Resource resource{package.info.id, package.info.version, path, file, {}, package.archive,
+                      zipEntry};
     if (entry.contains("headers") && entry["headers"].is_object()) {
       for (const auto& [name, value] : entry["headers"].items()) {
         resource.headers[name] = value.is_string() ? value.get<std::string>() : value.dump();
@@ -343,7 +328,15 @@ void addResources(const std::vector<std::pair<std::string, Resource>>& resources
   }
 }
 
-std::shared_ptr<const Index> buildIndex(const std::string& dir) {
+// Zipped packages as last indexed, by path.
+using ZipPackages = std::unordered_map<std::string, Package>;
+
+// Indexes the packages of `dir`. A zipped package whose file is still the one
+// indexed in `previous` is taken from there rather than opened and read
+// again; `current` receives the zipped packages of the new index.
+std::shared_ptr<const Index> buildIndex(const std::string& dir,
+                                        const ZipPackages& previous,
+                                        ZipPackages* current) {
   auto index = std::make_shared<Index>();
   std::error_code ec;
   std::vector<std::string> paths;
@@ -358,12 +351,19 @@ std::shared_ptr<const Index> buildIndex(const std::string& dir) {
   std::sort(paths.begin(), paths.end());
   for (const std::string& path : paths) {
     std::string error;
-    std::optional<Package> package = loadPackage(path, &error);
+    std::optional<Package> package;
+    auto known = previous.find(path);
+    if (known != previous.end() && known->second.archive->unchanged(true))
+      package = known->second;
+    else
+      package = loadPackage(path, &error);
     if (!package) {
       OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "skipping package %{public}s: %{public}s",
                    path.c_str(), error.c_str());
       continue;
     }
+    if (package->archive)
+      current->emplace(path, *package);
     addResources(package->exact, index->exact);
     addResources(package->anyQuery, index->anyQuery);
     index->packages.push_back(package->info);
@@ -374,7 +374,7 @@ std::shared_ptr<const Index> buildIndex(const std::string& dir) {
 class Library {
  public:
   Library() : dir_(host::envOr("VELORA_PACKAGES_DIR", host::dataDir() + "/packages")) {
-    swapIndexLocked();  // nothing else runs yet
+    swapIndexLocked();  // nothing else runs yet: no lock needed
     for (int i = 0; i < kWorkers; ++i)
       workers_.emplace_back([this] { work(); });
   }
@@ -457,7 +457,18 @@ class Library {
 
   std::mutex& changeMutex() { return changeMutex_; }
 
-  void swapIndexLocked() { std::atomic_store(&index_, buildIndex(dir())); }
+  void swapIndexLocked() {
+    ZipPackages zips;
+    std::atomic_store(&index_, buildIndex(dir(), zips_, &zips));
+    // Lookups still reading from an archive no longer indexed look again.
+    // The archive closes when the last of them lets go of it.
+    for (auto& [path, package] : zips_) {
+      auto kept = zips.find(path);
+      if (kept == zips.end() || kept->second.archive != package.archive)
+        package.archive->retire();
+    }
+    zips_ = std::move(zips);
+  }
 
  private:
   struct Job {
@@ -518,13 +529,30 @@ class Library {
   // as a read failure, a completion that throws is logged.
   void answer(Job& job) {
     std::unique_ptr<ResourceResponse> response;
+    bool reindex = false;
     try {
-      response = lookup(job.url);
+      response = lookup(job.url, &reindex);
     } catch (const std::exception& e) {
       response = std::make_unique<ResourceResponse>();
       response->error = Error(Error::kReadFailed, std::string("lookup failed: ") + e.what());
     }
     complete(job.completion, std::move(response));
+    if (reindex)
+      reindexAfterOutsideChange();
+  }
+
+  // An archive replaced or rewritten by another process is read afresh (or
+  // left out, if it no longer reads) for the hits after the one that noticed.
+  void reindexAfterOutsideChange() {
+    try {
+      std::lock_guard<std::mutex> lock(changeMutex_);
+      OH_LOG_Print(LOG_APP, LOG_INFO, 0, kTag,
+                   "re-indexing %{public}s: an archive changed on disk since it was indexed",
+                   dir().c_str());
+      swapIndexLocked();
+    } catch (const std::exception& e) {
+      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "re-indexing failed: %{public}s", e.what());
+    }
   }
 
   void answerShuttingDown(Job& job) {
@@ -557,43 +585,68 @@ class Library {
     return any != index.anyQuery.end() ? &any->second : nullptr;
   }
 
-  std::unique_ptr<ResourceResponse> lookup(const std::string& url) {
-    auto response = std::make_unique<ResourceResponse>();
-    std::shared_ptr<const Index> index = this->index();
-    const Resource* resource = find(*index, url);
-    if (!resource) {
-      response->error = Error(Error::kNotFound, "no package holds " + url);
-      return response;
-    }
-    bool read = false;
-    if (resource->zipped) {
-      int code = 0;
-      zip_t* archive = zip_open(resource->packagePath.c_str(), ZIP_RDONLY, &code);
-      if (archive) {
-        read = readZipEntry(archive, resource->file, &response->body, maxResourceBytes());
-        zip_close(archive);
+  // Reads the resource `url` names. Sets `reindex` when its archive is no
+  // longer the file that was indexed.
+  std::unique_ptr<ResourceResponse> lookup(const std::string& url, bool* reindex) {
+    // A read that overlapped a change made through the library is done again
+    // from the new index; the bound only guards against endless changes.
+    constexpr int kAttempts = 3;
+    for (int attempt = 1;; ++attempt) {
+      auto response = std::make_unique<ResourceResponse>();
+      std::shared_ptr<const Index> index = this->index();
+      const Resource* resource = find(*index, url);
+      if (!resource) {
+        response->error = Error(Error::kNotFound, "no package holds " + url);
+        return response;
       }
-    } else {
-      read = readFile(resource->packagePath + "/" + resource->file, &response->body,
-                      maxResourceBytes());
-    }
-    if (!read) {
-      OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag, "cannot read %{public}s from package %{public}s",
-                   resource->file.c_str(), resource->packageId.c_str());
-      response->body.clear();
-      response->error = Error(Error::kReadFailed, "cannot read " + resource->file + " of package " +
-                                                      resource->packageId);
+      bool read = false;
+      std::string why;
+      if (resource->archive) {
+        const ZipArchive& archive = *resource->archive;
+        // Checked before the read (a replaced file) and after it (a file
+        // rewritten in place while it was read).
+        bool intact = archive.unchanged(true);
+        read = intact && archive.read(resource->entry, &response->body, maxResourceBytes(), &why);
+        if (read && !archive.unchanged(false))
+          read = intact = false;
+        if (!intact && !archive.retired()) {
+          // An install through the library replaces the file before it swaps
+          // the index: once it is done, the archive is retired if it was one.
+          std::lock_guard<std::mutex> settled(changeMutex_);
+        }
+        if (archive.retired() && attempt < kAttempts)
+          continue;
+        if (!intact) {
+          why = "the archive was replaced or changed on disk since it was indexed";
+          *reindex = archive.firstToNoticeChange();
+        }
+      } else {
+        read = readFile(resource->packagePath + "/" + resource->file, &response->body,
+                        maxResourceBytes());
+        if (!read)
+          why = "the file is missing, not a regular file or larger than the limit";
+      }
+      if (!read) {
+        OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag,
+                     "cannot read %{public}s from package %{public}s: %{public}s",
+                     resource->file.c_str(), resource->packageId.c_str(), why.c_str());
+        response->body.clear();
+        response->error =
+            Error(Error::kReadFailed, "cannot read " + resource->file + " of package " +
+                                          resource->packageId + ": " + why);
+        return response;
+      }
+      response->headers = resource->headers;
+      response->packageId = resource->packageId;
       return response;
     }
-    response->headers = resource->headers;
-    response->packageId = resource->packageId;
-    return response;
   }
 
   mutable std::mutex dirMutex_;
   std::string dir_;                     // guarded by dirMutex_
   std::shared_ptr<const Index> index_;  // atomic load/store only
   std::mutex changeMutex_;              // one change of the folder at a time
+  ZipPackages zips_;                    // guarded by changeMutex_
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<Job> jobs_;  // guarded by mutex_

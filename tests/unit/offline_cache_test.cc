@@ -1,6 +1,7 @@
 // GET requests answered from offline packages through the module, with the
 // network as the fallback.
 #include <gtest/gtest.h>
+#include <zip.h>
 
 #include <filesystem>
 #include <fstream>
@@ -161,6 +162,32 @@ TEST_F(OfflineCacheTest, ARequestGoneBeforeTheLookupEndsProducesNothing) {
   EXPECT_EQ(origin.count("/site/index.html"), 0);
   EXPECT_TRUE(log.find("strataSuccess").empty());
   EXPECT_FALSE(hilog.contains("ignored"));
+}
+
+TEST_F(OfflineCacheTest, AZipCutShortOnDiskSendsItsHitToTheNetwork) {
+  OriginServer origin;
+  const std::string url = origin.url("/bytes/100");
+  const std::string manifest =
+      nlohmann::json({{"id", "zipped"}, {"resources", {{{"url", url}, {"file", "b"}}}}}).dump();
+  const std::string source = sources_.path() + "/zipped.zip";
+  int error = 0;
+  zip_t* archive = zip_open(source.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  zip_file_add(archive, "manifest.json",
+               zip_source_buffer(archive, manifest.data(), manifest.size(), 0), 0);
+  zip_file_add(archive, "b", zip_source_buffer(archive, "packaged", 8, 0), 0);
+  ASSERT_EQ(zip_close(archive), 0);
+  std::string why;
+  ASSERT_TRUE(StrataCore::PackageManager::install(source, &why)) << why;
+  EXPECT_EQ(load(url).body, "packaged");
+
+  velora_test::HilogCapture hilog;
+  const std::string installed = packages_.path() + "/zipped.zip";
+  fs::resize_file(installed, fs::file_size(installed) / 2);
+  LoadResult cut = load(url);
+  EXPECT_EQ(cut.status, 200);
+  EXPECT_EQ(cut.body, velora_test::patternBytes(0, 100));
+  EXPECT_EQ(origin.count("/bytes/100"), 1);
+  EXPECT_TRUE(hilog.contains("cannot read b from package zipped"));
 }
 
 TEST(RequestStatistics, TextsListEntriesInKeyOrderWithoutEscaping) {

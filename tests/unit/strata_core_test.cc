@@ -329,17 +329,24 @@ uint16_t readU16(const std::string& bytes, size_t at) {
                                (static_cast<uint8_t>(bytes[at + 1]) << 8));
 }
 
-// Makes the central directory claim `size` uncompressed bytes for `name`;
-// sizes past 32 bits go into a ZIP64 extra field, as large archives do.
-void claimSize(const fs::path& zip, const std::string& name, uint64_t size) {
-  std::string bytes;
-  {
-    std::ifstream in(zip, std::ios::binary);
-    bytes.assign(std::istreambuf_iterator<char>(in), {});
-  }
+// Where the central directory lists `name`, or npos.
+size_t directoryEntry(const std::string& bytes, const std::string& name) {
   size_t entry = bytes.find(std::string("PK\x01\x02", 4));
   while (entry != std::string::npos && bytes.compare(entry + 46, readU16(bytes, entry + 28), name))
     entry = bytes.find(std::string("PK\x01\x02", 4), entry + 4);
+  return entry;
+}
+
+std::string readAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Makes the central directory claim `size` uncompressed bytes for `name`;
+// sizes past 32 bits go into a ZIP64 extra field, as large archives do.
+void claimSize(const fs::path& zip, const std::string& name, uint64_t size) {
+  std::string bytes = readAll(zip);
+  size_t entry = directoryEntry(bytes, name);
   ASSERT_NE(entry, std::string::npos);
   if (size < 0xFFFFFFFFu) {
     putLittleEndian(bytes, entry + 24, size, 4);
@@ -400,4 +407,210 @@ TEST_F(StrataCoreTest, DeeplyNestedManifestsAreRefused) {
   std::string error;
   EXPECT_FALSE(PackageManager::install(source.string(), &error));
   EXPECT_NE(error.find("nested"), std::string::npos) << error;
+}
+
+// ---- Zipped packages: opened once, read by offset ----
+
+namespace {
+
+// Bytes that differ with `seed` everywhere, so a wrong entry or offset shows.
+std::string bodyOf(int seed, size_t size) {
+  std::string body(size, '\0');
+  uint32_t state = 2654435761u * static_cast<uint32_t>(seed + 1);
+  for (size_t i = 0; i < size; ++i) {
+    state = state * 1103515245u + 12345u;
+    // Half the bytes repeat so deflate has something to do.
+    body[i] = static_cast<char>(i % 2 ? (state >> 16) : (seed + i / 64));
+  }
+  return body;
+}
+
+// A package archive serving each (name, bytes) at `base` + name; entries
+// alternate stored and deflated, so both ways of reading run.
+fs::path makeZip(const fs::path& out,
+                 const std::string& id,
+                 const std::string& base,
+                 const std::vector<std::pair<std::string, std::string>>& files) {
+  nlohmann::json manifest = {{"id", id}, {"version", "1"}, {"resources", nlohmann::json::array()}};
+  for (const auto& [name, body] : files)
+    manifest["resources"].push_back({{"url", base + name}, {"file", name}});
+  std::string manifestText = manifest.dump();
+  int error = 0;
+  zip_t* archive = zip_open(out.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  zip_file_add(archive, "manifest.json",
+               zip_source_buffer(archive, manifestText.data(), manifestText.size(), 0), 0);
+  for (size_t i = 0; i < files.size(); ++i) {
+    zip_int64_t index = zip_file_add(
+        archive, files[i].first.c_str(),
+        zip_source_buffer(archive, files[i].second.data(), files[i].second.size(), 0), 0);
+    zip_set_file_compression(archive, static_cast<zip_uint64_t>(index),
+                             i % 2 ? ZIP_CM_DEFLATE : ZIP_CM_STORE, 0);
+  }
+  EXPECT_EQ(zip_close(archive), 0);
+  return out;
+}
+
+// Descriptors of this process open on `path` (removed or not).
+int descriptorsOn(const std::string& path) {
+  int count = 0;
+  for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    std::string target = fs::read_symlink(fd.path(), ec).string();
+    if (!ec && (target == path || target == path + " (deleted)"))
+      ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+TEST_F(StrataCoreTest, ThreadsHitManyEntriesOfALargeZipAtOnceByteExact) {
+  constexpr int kEntries = 2000;
+  std::vector<std::pair<std::string, std::string>> files;
+  for (int i = 0; i < kEntries; ++i)
+    files.emplace_back("d" + std::to_string(i % 7) + "/f" + std::to_string(i) + ".bin",
+                       bodyOf(i, 1 + static_cast<size_t>(i * 7919) % 70000));
+  fs::path zip = makeZip(fs::path(sources_.path()) / "big.zip", "big", "https://a.test/", files);
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(zip.string(), &error)) << error;
+  const std::string installed = installed_.path() + "/big.zip";
+
+  std::atomic<int> wrong{0}, served{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int k = 0; k < 150; ++k) {
+        const auto& [name, body] = files[(t * 997 + k * 131) % kEntries];
+        auto response = lookup("https://a.test/" + name);
+        if (response->error || response->body != body)
+          ++wrong;
+        ++served;
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong.load(), 0) << "of " << served.load();
+  EXPECT_EQ(descriptorsOn(installed), 1);  // opened once, not per hit
+  ASSERT_TRUE(PackageManager::remove("big"));
+  EXPECT_EQ(descriptorsOn(installed), 0);
+}
+
+TEST_F(StrataCoreTest, AZipReinstalledWhileHitsRunNeverServesTheOldArchiveAfterwards) {
+  constexpr int kGenerations = 24;
+  std::vector<fs::path> zips;
+  for (int g = 0; g < kGenerations; ++g) {
+    std::string prefix = "gen" + std::to_string(g) + ":";
+    zips.push_back(makeZip(
+        fs::path(sources_.path()) / (std::to_string(g) + ".zip"), "swap", "https://a.test/",
+        {{"s.bin", prefix + bodyOf(g, 30000)}, {"d.bin", prefix + bodyOf(g + 100, 30000)}}));
+  }
+  std::atomic<int> installedGeneration{-1};
+  std::atomic<bool> running{true};
+  std::atomic<int> stale{0}, damaged{0}, served{0};
+  std::vector<std::thread> hitters;
+  for (int t = 0; t < 2; ++t) {
+    hitters.emplace_back([&, t] {
+      for (int k = 0; running; ++k) {
+        const int before = installedGeneration.load();
+        auto response = lookup(k % 2 == t % 2 ? "https://a.test/s.bin" : "https://a.test/d.bin");
+        if (response->error)
+          continue;  // removed for the moment
+        ++served;
+        int generation = std::atoi(response->body.c_str() + 3);
+        if (generation < before)
+          ++stale;
+        std::string prefix = "gen" + std::to_string(generation) + ":";
+        bool isStored = k % 2 == t % 2;
+        if (response->body != prefix + bodyOf(generation + (isStored ? 0 : 100), 30000))
+          ++damaged;
+      }
+    });
+  }
+  for (int g = 0; g < kGenerations; ++g) {
+    if (g % 2)
+      PackageManager::remove("swap");
+    std::string error;
+    EXPECT_TRUE(PackageManager::install(zips[g].string(), &error))
+        << error;  // the hitters still run
+    installedGeneration = g;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  running = false;
+  for (auto& thread : hitters)
+    thread.join();
+  EXPECT_EQ(stale.load(), 0);
+  EXPECT_EQ(damaged.load(), 0);
+  EXPECT_GT(served.load(), kGenerations);
+  EXPECT_EQ(descriptorsOn(installed_.path() + "/swap.zip"), 1);  // the old ones were closed
+}
+
+// Another process may rewrite, replace or cut short an installed archive:
+// the hit that finds out fails (and goes to the network), later ones are
+// served from the archive as it now is.
+TEST_F(StrataCoreTest, AnArchiveChangedOnDiskFailsTheHitAndIsIndexedAgain) {
+  velora_test::HilogCapture hilog;
+  auto version = [&](int n) {
+    return makeZip(fs::path(sources_.path()) / ("v" + std::to_string(n) + ".zip"), "app",
+                   "https://a.test/",
+                   {{"s.bin", "v" + std::to_string(n) + bodyOf(n, 5000)},
+                    {"d.bin", "v" + std::to_string(n) + bodyOf(n + 9, 5000)}});
+  };
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(version(1).string(), &error)) << error;
+  const fs::path installed = fs::path(installed_.path()) / "app.zip";
+  EXPECT_EQ(lookup("https://a.test/s.bin")->body.substr(0, 2), "v1");
+
+  // Rewritten in place, then replaced by a rename.
+  const std::string v2 = readAll(version(2));
+  std::ofstream(installed, std::ios::binary | std::ios::trunc) << v2;
+  auto noticed = lookup("https://a.test/d.bin");
+  EXPECT_EQ(noticed->error.code(), StrataCore::Error::kReadFailed);
+  EXPECT_TRUE(noticed->body.empty());
+  EXPECT_TRUE(hilog.contains("changed on disk since it was indexed"));
+  EXPECT_TRUE(velora_test::waitFor(
+      [] { return lookup("https://a.test/d.bin")->body.substr(0, 2) == "v2"; }));
+  fs::copy_file(version(3), fs::path(installed_.path()) / ".v3");
+  fs::rename(fs::path(installed_.path()) / ".v3", installed);
+  EXPECT_TRUE(lookup("https://a.test/s.bin")->error);
+  EXPECT_TRUE(velora_test::waitFor(
+      [] { return lookup("https://a.test/s.bin")->body.substr(0, 2) == "v3"; }));
+
+  // Cut short: what no longer reads is left out.
+  fs::resize_file(installed, v2.size() / 2);
+  EXPECT_EQ(lookup("https://a.test/s.bin")->error.code(), StrataCore::Error::kReadFailed);
+  EXPECT_TRUE(velora_test::waitFor(
+      [] { return lookup("https://a.test/s.bin")->error.code() == StrataCore::Error::kNotFound; }));
+  EXPECT_TRUE(hilog.contains("skipping package " + installed.string()));
+  EXPECT_TRUE(PackageManager::list().empty());
+}
+
+// Damage that only shows when an entry is read fails that entry alone.
+TEST_F(StrataCoreTest, DamagedEntriesFailAloneAndTheRestIsServed) {
+  velora_test::HilogCapture hilog;
+  fs::path zip = makeZip(fs::path(sources_.path()) / "damaged.zip", "damaged", "https://a.test/",
+                         {{"stored-ok", "fine"},
+                          {"deflated-flipped", bodyOf(1, 40000)},
+                          {"stored-moved", bodyOf(2, 100)},
+                          {"deflated-method", bodyOf(3, 100)}});
+  std::string bytes = readAll(zip);
+  size_t flipped = directoryEntry(bytes, "deflated-flipped");
+  size_t local = readU16(bytes, flipped + 42) | (size_t{readU16(bytes, flipped + 44)} << 16);
+  size_t data = local + 30 + readU16(bytes, local + 26) + readU16(bytes, local + 28);
+  bytes[data + readU16(bytes, flipped + 20) / 2] ^= 0x5a;
+  putLittleEndian(bytes, directoryEntry(bytes, "stored-moved") + 42, bytes.size() - 10, 4);
+  putLittleEndian(bytes, directoryEntry(bytes, "deflated-method") + 10, 12, 2);  // bzip2
+  std::ofstream(zip, std::ios::binary | std::ios::trunc) << bytes;
+  std::string error;
+  ASSERT_TRUE(PackageManager::install(zip.string(), &error)) << error;
+
+  EXPECT_EQ(lookup("https://a.test/stored-ok")->body, "fine");
+  auto flippedHit = lookup("https://a.test/deflated-flipped");
+  EXPECT_EQ(flippedHit->error.code(), StrataCore::Error::kReadFailed);
+  EXPECT_TRUE(flippedHit->body.empty());
+  EXPECT_EQ(lookup("https://a.test/stored-moved")->error.code(), StrataCore::Error::kNotFound);
+  EXPECT_EQ(lookup("https://a.test/deflated-method")->error.code(), StrataCore::Error::kNotFound);
+  EXPECT_TRUE(hilog.contains("no local header where the directory points"));
+  EXPECT_TRUE(hilog.contains("only stored and deflated entries are served"));
+  EXPECT_EQ(PackageManager::list().at(0).resources, 2u);
 }
