@@ -6,6 +6,7 @@
 
 #include "arkweb_host/web_component.h"
 #include "scheme/page_binding.h"
+#include "scheme/scheme_handler.h"
 #include "test_support.h"
 #include "tide_logger/log_capture.h"
 #include "web/arkweb_interface.h"
@@ -35,11 +36,15 @@ TEST(PageBinding, TheDestroyNoticeIsAskedForOnlyWhenTheRecordHoldsIt) {
   ASSERT_EQ(missing.size(), 1u);
   EXPECT_EQ(missing[0]["fields"]["method"], "destroy");
   EXPECT_TRUE(log.find("nativeDestroy").empty()) << "no notice was registered";
+  // Such an engine leaves the binding to the process; released here as the
+  // notice would have, so that the leak checker sees only real leaks.
+  velora::OnArkWebDestroyCallback("older", nullptr);
+  log.clear();
 
   auto current = WebComponent::create("current");
   bind("current");
   current->destroy();
-  EXPECT_EQ(log.find("componentApiNotFound").size(), 1u);
+  EXPECT_TRUE(log.find("componentApiNotFound").empty());
   auto destroyed = log.find("nativeDestroy");
   ASSERT_EQ(destroyed.size(), 1u);
   EXPECT_EQ(destroyed[0]["id"], "current");
