@@ -154,7 +154,7 @@ void FirstChunkHandler::onReceiveData(std::shared_ptr<gantry_ssr::SsrRequest> re
     } else if (buffer_.size() > FirstChunkStorage::kMaxHtmlBytes) {
       // No marker where a first chunk could end: this page has none to
       // offer (an error page, a new template).
-      giveUpOnMarker(request, "markerNotFound");
+      giveUpOnMarker(request);
     }
     if (useFirstChunkCache_) {
       // Before the marker the served chunk holds these bytes; at the marker
@@ -233,10 +233,9 @@ void FirstChunkHandler::spliceAfterFirstChunk(
   });
 }
 
-void FirstChunkHandler::giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request,
-                                       const char* why) {
+void FirstChunkHandler::giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request) {
   cacheWritten_ = true;  // from now on everything passes through
-  entry(why, traceId_)
+  entry("markerNotFound", traceId_)
       .key("url")
       .value(request->getUrl())
       .key("useFirstChunkCache")
@@ -276,7 +275,7 @@ void FirstChunkHandler::onFinish(std::shared_ptr<gantry_ssr::SsrRequest> request
   // now, never a page cut short that looks complete.
   if (!cacheWritten_ && useFirstChunkCache_ &&
       (responseContext_->isEnable() || needInvalidateCache_))
-    giveUpOnMarker(request, "markerNotFound");
+    giveUpOnMarker(request);
   listener_->onFinish(std::move(request));
 }
 

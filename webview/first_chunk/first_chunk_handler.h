@@ -75,7 +75,7 @@ class FirstChunkHandler : public gantry_ssr::SsrListener {
   // No marker (the body ended, or grew past the largest first chunk): from
   // now on bytes pass through. If the stored chunk was served it is undone
   // in the page, followed by the live bytes held back, and its record goes.
-  void giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request, const char* why);
+  void giveUpOnMarker(const std::shared_ptr<gantry_ssr::SsrRequest>& request);
 
   std::shared_ptr<gantry_ssr::SsrListener> listener_;
   std::shared_ptr<FirstChunkStorage> storage_;

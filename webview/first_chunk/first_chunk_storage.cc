@@ -71,6 +71,23 @@ std::string getText(const nlohmann::json& record, const char* member) {
   return text;
 }
 
+// The JSON object stored under `key`, or an empty one when there is none.
+// A value that does not parse (a crash, an older run, another process) is
+// logged and read as empty, so that the next write replaces it.
+nlohmann::json storedObject(const std::optional<std::string>& stored, const std::string& key) {
+  if (stored && !stored->empty()) {
+    try {
+      nlohmann::json value = parseJson(*stored);
+      if (value.is_object())
+        return value;
+      logFailure("corruptRecord", key, "stored value is not a JSON object");
+    } catch (const std::exception& e) {
+      logFailure("corruptRecord", key, e.what());
+    }
+  }
+  return nlohmann::json::object();
+}
+
 // The latest expiry among the records of a page.
 double latestExpiry(const nlohmann::json& root) {
   double latest = 0;
@@ -143,21 +160,7 @@ bool FirstChunkStorage::write(const std::shared_ptr<FirstChunkContext>& context)
     if (!isUtf8(context->getRule()) || !isUtf8(context->getUrl()))
       throw std::invalid_argument("the rule or the URL is not UTF-8");
     std::lock_guard<std::mutex> lock(storeMutex());
-    nlohmann::json root = nlohmann::json::object();
-    std::optional<std::string> stored = STORAGE->get(storageKey_);
-    if (stored && !stored->empty()) {
-      // A value that does not parse (a crash, an older run, another
-      // process) is replaced rather than left to block every later write.
-      try {
-        root = parseJson(*stored);
-      } catch (const std::exception& e) {
-        logFailure("corruptRecord", storageKey_, e.what());
-      }
-      if (!root.is_object()) {
-        logFailure("corruptRecord", storageKey_, "stored value is not a JSON object");
-        root = nlohmann::json::object();
-      }
-    }
+    nlohmann::json root = storedObject(STORAGE->get(storageKey_), storageKey_);
     if (context->isEnable()) {
       nlohmann::json record = {
           {"fcc-enable", true},
@@ -294,17 +297,7 @@ void FirstChunkStorage::remove() {
 // ---- The index of pages, under storeMutex() ----
 
 nlohmann::json FirstChunkStorage::readIndex() {
-  std::optional<std::string> stored = STORAGE->get(kIndexKey);
-  if (stored && !stored->empty()) {
-    try {
-      nlohmann::json index = parseJson(*stored);
-      if (index.is_object())
-        return index;
-    } catch (const std::exception& e) {
-      logFailure("corruptRecord", kIndexKey, e.what());
-    }
-  }
-  return nlohmann::json::object();
+  return storedObject(STORAGE->get(kIndexKey), kIndexKey);
 }
 
 void FirstChunkStorage::updateIndex(double expiry) {
@@ -367,9 +360,8 @@ void FirstChunkStorage::sweepSoon() {
 }
 
 void FirstChunkStorage::sweepIfDue() {
-  // Only once the first sweep (at start-up) has run: "due" counts from it.
-  int64_t last = g_lastSweepMs;
-  if (last >= 0 && steadyMs() - last >= std::chrono::milliseconds(kSweepEvery).count())
+  // "Due" counts from the first sweep, at start-up; sweepSoon() keeps the hour.
+  if (g_lastSweepMs >= 0)
     sweepSoon();
 }
 

@@ -364,8 +364,7 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
   }
   std::shared_ptr<NetRequest> netRequest = std::atomic_load(&self->netRequest_);
   if (!netRequest) {
-    self->destroyArkWebBody();
-    self->destroyBodyData();
+    self->releaseBody();
     return;
   }
   bool chunked = OH_ArkWebHttpBodyStream_IsChunked(stream);
@@ -395,8 +394,7 @@ void WebRequest::InitCallback(const ArkWeb_HttpBodyStream* stream, ArkWeb_NetErr
 }
 
 void WebRequest::failBodyInit(int result) {
-  destroyArkWebBody();
-  destroyBodyData();
+  releaseBody();
   // The request never went out: nothing else will answer the page.
   onError(result, ARKWEB_ERR_FAILED,
           "the upload body could not be read (its stream failed to initialize with " +
@@ -408,8 +406,7 @@ void WebRequest::endBody() {
     static const unsigned char kNothing = 0;
     netRequest->setRequestBodyData(&kNothing, 0, true);
   }
-  destroyArkWebBody();
-  destroyBodyData();
+  releaseBody();
 }
 
 void WebRequest::readNextBodyPart() {
@@ -425,16 +422,14 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
   std::shared_ptr<NetRequest> netRequest = std::atomic_load(&self->netRequest_);
   if (!netRequest) {
     // The request already finished or failed: the rest of the body is moot.
-    self->destroyArkWebBody();
-    self->destroyBodyData();
+    self->releaseBody();
     self->logBodyRead("bodyReadCallbackNetRequestNull", bytesRead, eof);
     return;
   }
   if (bytesRead < 0) {
     // The server has part of a body that will never be complete: the
     // transfer is stopped, and its failure reaches the page.
-    self->destroyArkWebBody();
-    self->destroyBodyData();
+    self->releaseBody();
     tide::Log::build(tide::kError, kRequestTag)
         .event("bodyReadFailed", self->tag_)
         .key("url")
@@ -449,8 +444,7 @@ void WebRequest::ReadCallback(const ArkWeb_HttpBodyStream* stream, uint8_t* buff
   netRequest->setRequestBodyData(buffer, bytesRead, last);
   std::memset(buffer, 0, static_cast<size_t>(self->bodyData_.size));
   if (last) {
-    self->destroyArkWebBody();
-    self->destroyBodyData();
+    self->releaseBody();
   } else {
     self->readNextBodyPart();
   }
@@ -494,6 +488,11 @@ void WebRequest::destroyArkWebBody() {
   if (ArkWeb_HttpBodyStream* stream = bodyStream_.exchange(nullptr)) {
     OH_ArkWebResourceRequest_DestroyHttpBodyStream(stream);
   }
+}
+
+void WebRequest::releaseBody() {
+  destroyArkWebBody();
+  destroyBodyData();
 }
 
 void WebRequest::destroyBodyData() {

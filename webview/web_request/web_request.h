@@ -82,6 +82,8 @@ class WebRequest : public NetRequestCallBack, public std::enable_shared_from_thi
   void destroyArkWebResponse();
   void destroyArkWebBody();
   void destroyBodyData();
+  // The engine's body stream and the read buffer, once the upload is over.
+  void releaseBody();
   void destroyInternal() { destroyBodyData(); }
   void copyRequestHeaders();
   void logPrefetchHit();
