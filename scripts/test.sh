@@ -9,6 +9,14 @@ preset="${1:-default}"
 bash scripts/setup.sh
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
+
+# One set of TLS certificates for the whole run, made fresh and thrown away
+# after: the test origins serve them, and the host libraries trust its root.
+run_dir=$(mktemp -d)
+trap 'rm -rf "$run_dir"' EXIT
+node tests/origin/certs.js "$run_dir/certs" >/dev/null
+export VELORA_TEST_CERTS="$run_dir/certs" VELORA_CA_FILE="$run_dir/certs/ca.pem"
+
 ctest --preset "$preset" -j2
 
 build_dir=build

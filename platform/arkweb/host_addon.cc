@@ -228,7 +228,9 @@ napi_value resultObject(napi_env env, LoadResult& result) {
   napi_set_named_property(env, object, "intercepted", value);
   napi_create_string_utf8(env, result.url.c_str(), result.url.size(), &value);
   napi_set_named_property(env, object, "url", value);
-  napi_set_named_property(env, object, "status", number(env, result.status));
+  // A load that failed before any response has no status.
+  napi_set_named_property(env, object, "status",
+                          optionalNumber(env, result.status > 0 ? result.status : -1));
   napi_create_string_utf8(env, result.statusText.c_str(), result.statusText.size(), &value);
   napi_set_named_property(env, object, "statusText", value);
   napi_set_named_property(env, object, "headers", headerPairs(env, result.headers));

@@ -616,13 +616,17 @@ int32_t Load::didReceiveResponse(const ArkWeb_Response* response) {
   auto* mutableResponse = const_cast<ArkWeb_Response*>(response);
   std::lock_guard<std::mutex> responseLock(mutableResponse->mutex);
   error = response->error;
+  if (error != ARKWEB_NET_OK) {
+    // A response carrying an error is the load's failure, not a response:
+    // the page sees no status or fields, and the error once the handler
+    // finishes.
+    std::lock_guard<std::mutex> lock(mutex_);
+    state_ = State::kResponded;
+    responseError_ = error;
+    return ARKWEB_SUCCESS;
+  }
   recordResponse(response->status, response->statusText, response->headers, response->mimeType,
                  response->charset);
-  if (error != ARKWEB_NET_OK) {
-    // The page sees the error once the handler finishes.
-    std::lock_guard<std::mutex> lock(mutex_);
-    responseError_ = error;
-  }
   return ARKWEB_SUCCESS;
 }
 

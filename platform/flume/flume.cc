@@ -17,6 +17,7 @@
 #include <unordered_map>
 
 #include "common/host_env.h"
+#include "flume/transport_settings.h"
 #include "hilog/log.h"
 
 namespace flume {
@@ -201,6 +202,12 @@ class SessionCore {
     multi_ = curl_multi_init();
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    // Connections already live in the multi handle; TLS sessions and DNS
+    // answers are shared here so a new connection to a known server resumes
+    // its session. Used by the event thread alone: no locks.
+    share_ = curl_share_init();
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     thread_ = std::thread([this] { loop(); });
   }
 
@@ -208,6 +215,9 @@ class SessionCore {
     shutdown();
     curl_slist_free_all(expectOnly_);
   }
+
+  // Its handles stay reachable after shutdown, so the multi and share
+  // handles are never cleaned up either.
 
   // Stops the event thread for good; transfers still running are dropped
   // without events (their listeners may belong to objects already gone) and
@@ -249,6 +259,7 @@ class SessionCore {
     IFLHttpSessionListener* listener = nullptr;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
+    curl_slist* resolve = nullptr;  // the mapped address of the URL's host
     // The response being read: status line and fields of the current block.
     int status = 0;
     std::string statusText;
@@ -267,6 +278,7 @@ class SessionCore {
       listener = nullptr;
       easy = nullptr;
       headers = nullptr;
+      resolve = nullptr;
       status = 0;
       statusText.clear();
       version.clear();
@@ -425,7 +437,9 @@ class SessionCore {
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kBufferSize);
+    // The connect timeout covers the TLS handshake too.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs_.load());
+    setUpTls(transfer);
     // Idle: no byte moved for this long (before or during the response).
     // Watched by this thread's own clock: libcurl's low-speed check averages
     // over seconds and fires several seconds late after a fast start.
@@ -484,6 +498,54 @@ class SessionCore {
     }
     live_[transfer->id] = transfer;
     curl_multi_add_handle(multi_, easy);
+  }
+
+  // TLS as a browser speaks it: chain and name always checked, TLS 1.2 at
+  // least, ALPN offering h2 then http/1.1 (CURL_HTTP_VERSION_2TLS). Requests
+  // to a server whose first connection is still being made wait for it and
+  // share it when it turns out to multiplex, rather than each opening its own.
+  void setUpTls(Transfer* transfer) {
+    CURL* easy = transfer->easy;
+    const std::string& url = transfer->request->url();
+    curl_easy_setopt(easy, CURLOPT_SHARE, share_);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    if (url.size() > 8 && strncasecmp(url.c_str(), "https://", 8) == 0)
+      curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+    if (!roots_.empty()) {
+      curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &SessionCore::onTlsContext);
+      curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &roots_);
+    }
+    if (!hosts_.empty())
+      mapHost(transfer);
+  }
+
+  static CURLcode onTlsContext(CURL*, void* context, void* roots) {
+    static_cast<const ExtraRoots*>(roots)->addTo(static_cast<SSL_CTX*>(context));
+    return CURLE_OK;
+  }
+
+  // A mapped host name is answered with its address, not asked of DNS.
+  void mapHost(Transfer* transfer) {
+    CURLU* parts = curl_url();
+    char* host = nullptr;
+    char* port = nullptr;
+    if (curl_url_set(parts, CURLUPART_URL, transfer->request->url().c_str(), 0) == CURLUE_OK &&
+        curl_url_get(parts, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
+        curl_url_get(parts, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK) {
+      std::string address = hosts_.addressOf(host);
+      if (!address.empty()) {
+        if (address.find(':') != std::string::npos)
+          address = "[" + address + "]";
+        const std::string entry = std::string(host) + ":" + port + ":" + address;
+        transfer->resolve = curl_slist_append(nullptr, entry.c_str());
+        curl_easy_setopt(transfer->easy, CURLOPT_RESOLVE, transfer->resolve);
+      }
+    }
+    curl_free(host);
+    curl_free(port);
+    curl_url_cleanup(parts);
   }
 
   // Reads one header line in place: only the kept fields are copied out.
@@ -649,6 +711,7 @@ class SessionCore {
       curl_easy_cleanup(transfer->easy);
     }
     curl_slist_free_all(transfer->headers);
+    curl_slist_free_all(transfer->resolve);
     if (idleTransfers_.size() < kIdleHandles && transfer->piece.use_count() == 1) {
       transfer->reset();
       idleTransfers_.push_back(transfer);
@@ -670,6 +733,9 @@ class SessionCore {
   }
 
   CURLM* multi_ = nullptr;
+  CURLSH* share_ = nullptr;
+  const ExtraRoots roots_{host::envOr("VELORA_CA_FILE", "")};
+  const HostMap hosts_{host::envOr("VELORA_RESOLVE", "")};
   std::thread thread_;
   std::mutex mutex_;
   std::vector<Command> commands_;                 // guarded by mutex_

@@ -19,24 +19,39 @@
 //   /redirect?to=URL&code=C      C (302) with Location
 //   /status/C                    status C with a short body
 //   /reset?after=N               headers and N body bytes, then the connection is reset
+//                                (over HTTP/2: the connection under every stream on it)
+//   /rst?after=N                 headers and N body bytes, then this stream alone is reset
+//                                (RST_STREAM; over HTTP/1.1 the connection)
+//   /hold?group=G&n=N[&goaway=K] held until N requests of group G arrived, then
+//                                answered; over HTTP/2 with goaway=K the connection gets a
+//                                GOAWAY naming the K-th of them as the last processed,
+//                                and the later ones are never answered on it
 //   /stall?after=N               headers and N body bytes, then nothing
 //   /ssr?chunks=N&delay=MS       a streamed HTML page
 //   /fcc/NAME?...                a server-rendered page with a first chunk (see renderFcc)
 //   /__count?path=P              how many requests reached path P so far
 //   /__seen?path=P               the request headers of the last request to path P
 //   /__sent?path=P               body bytes written so far to requests of path P
-//   /__connections               connections open now
+//   /__connections               connections open now, on every listener
+//   /__tls                       TLS counters: handshakes, resumed, h2Sessions, h2Streams,
+//                                h1Requests (over TLS), refusedReached (faulty listeners)
+//   /__hold?group=G              {arrived, answered} of a /hold group
 const http = require('node:http');
+const http2 = require('node:http2');
 const crypto = require('node:crypto');
 const fs = require('node:fs');
 const path = require('node:path');
 const zlib = require('node:zlib');
+const { makeCerts } = require('./certs');
+const tls = require('./tls');
 
 const SITE = path.join(__dirname, 'site');
 const counts = new Map();
 const seen = new Map();
 const sentBytes = new Map();
-let server = null;
+let openConnections = 0;
+const tcpSockets = new Map();  // client port: the TCP socket of each open connection
+const holds = new Map();
 const FCC_MARKER = '<div><!--fcc--></div>';
 
 function pattern(offset, size) {
@@ -151,7 +166,7 @@ function renderFcc(req, res, url, num) {
       const writeMore = () => {
         while (sent < rest.length) {
           if (gone) return undefined;
-          if (cut >= 0 && sent >= cut) return setTimeout(() => req.socket.resetAndDestroy(), 50);
+          if (cut >= 0 && sent >= cut) return setTimeout(() => dropConnection(req), 50);
           const end = Math.min(rest.length, sent + piece, cut >= 0 ? Math.max(cut, sent + 1) : Infinity);
           const part = rest.subarray(sent, end);
           sent += part.length;
@@ -165,6 +180,40 @@ function renderFcc(req, res, url, num) {
       writeMore();
     }, num('delay', 50));
   }, num('wait', 0));
+}
+
+// Resets the TCP connection under `req`, with no word at the TLS or HTTP/2
+// level: over HTTP/2 every stream on it goes.
+function dropConnection(req) {
+  const socket = tcpSockets.get(req.socket.remotePort);
+  if (socket) socket.resetAndDestroy();
+}
+
+function hold(req, res, q) {
+  const name = q.get('group') || '';
+  if (!holds.has(name)) holds.set(name, { arrived: 0, answered: 0, waiting: [], released: false });
+  const group = holds.get(name);
+  group.arrived += 1;
+  const answer = (r) => {
+    group.answered += 1;
+    r.writeHead(200, { 'Content-Type': 'text/plain' });
+    r.end(`held ${name}`);
+  };
+  if (group.released) return answer(res);
+  group.waiting.push({ req, res });
+  if (group.waiting.length < Number(q.get('n') || 1)) return undefined;
+  group.released = true;
+  const waiting = group.waiting.sort((a, b) => (a.req.stream ? a.req.stream.id - b.req.stream.id : 0));
+  group.waiting = [];
+  const goaway = Number(q.get('goaway') || 0);
+  if (goaway > 0 && req.stream) {
+    const last = waiting[Math.min(goaway, waiting.length) - 1].req.stream.id;
+    req.stream.session.goaway(http2.constants.NGHTTP2_NO_ERROR, last);
+    for (const held of waiting) if (held.req.stream.id <= last) answer(held.res);
+    return undefined;
+  }
+  for (const held of waiting) answer(held.res);
+  return undefined;
 }
 
 function handle(req, res) {
@@ -242,8 +291,25 @@ function handle(req, res) {
       const after = num('after', 1000);
       res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': after * 10 });
       res.write(pattern(0, after));
-      return setTimeout(() => req.socket.resetAndDestroy(), 50);
+      return setTimeout(() => dropConnection(req), 50);
     }
+    case 'rst': {
+      const after = num('after', 1000);
+      res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': after * 10 });
+      res.write(pattern(0, after));
+      return setTimeout(() => (req.stream ? req.stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR)
+        : dropConnection(req)), 50);
+    }
+    case 'hold':
+      return hold(req, res, q);
+    case '__hold': {
+      const group = holds.get(q.get('group')) || { arrived: 0, answered: 0 };
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify({ arrived: group.arrived, answered: group.answered }));
+    }
+    case '__tls':
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify(tls.stats));
     case 'stall': {
       res.writeHead(200, { 'Content-Type': 'application/octet-stream' });
       res.write(pattern(0, num('after', 100)));
@@ -270,10 +336,8 @@ function handle(req, res) {
       res.writeHead(200, { 'Content-Type': 'application/json' });
       return res.end(JSON.stringify({ bytes: sentBytes.get(q.get('path')) || 0 }));
     case '__connections':
-      return server.getConnections((error, count) => {
-        res.writeHead(200, { 'Content-Type': 'application/json' });
-        res.end(JSON.stringify({ count: error ? -1 : count }));
-      });
+      res.writeHead(200, { 'Content-Type': 'application/json' });
+      return res.end(JSON.stringify({ count: openConnections }));
     case '__count':
       res.writeHead(200, { 'Content-Type': 'application/json' });
       return res.end(JSON.stringify({ count: counts.get(q.get('path')) || 0 }));
@@ -283,18 +347,36 @@ function handle(req, res) {
   }
 }
 
-function main() {
+function trackConnection(socket) {
+  openConnections += 1;
+  const port = socket.remotePort;
+  tcpSockets.set(port, socket);
+  socket.once('close', () => {
+    openConnections -= 1;
+    tcpSockets.delete(port);
+  });
+}
+
+async function main() {
   const args = process.argv.slice(2);
-  const arg = (name, fallback) => {
+  const text = (name, fallback) => {
     const i = args.indexOf(name);
-    return i >= 0 ? Number(args[i + 1]) : fallback;
+    return i >= 0 ? args[i + 1] : fallback;
   };
-  server = http.createServer(handle);
+  const arg = (name, fallback) => Number(text(name, fallback));
+  const server = http.createServer(handle);
   server.keepAliveTimeout = 30000;
   server.headersTimeout = 31000;
-  server.listen(arg('--port', 0), '127.0.0.1', () => {
-    process.stdout.write(`${JSON.stringify({ port: server.address().port })}\n`);
-  });
+  server.on('connection', trackConnection);
+  await new Promise((resolve) => server.listen(arg('--port', 0), '127.0.0.1', resolve));
+  const ports = { port: server.address().port };
+  const certsDir = text('--certs', process.env.VELORA_TEST_CERTS);
+  if (certsDir) {
+    const listening = await tls.listenTls(handle, makeCerts(certsDir), trackConnection);
+    Object.assign(ports, { httpsPort: listening.https, https1Port: listening.https1,
+      faults: listening.faults });
+  }
+  process.stdout.write(`${JSON.stringify(ports)}\n`);
   const stop = () => process.exit(0);
   setTimeout(stop, arg('--lifetime', 600) * 1000).unref();
   if (!process.stdin.isTTY) {

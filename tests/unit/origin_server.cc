@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <future>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -17,7 +18,34 @@ extern char** environ;
 
 namespace velora_test {
 
-OriginServer::OriginServer() {
+const char* transportName(Transport transport) {
+  switch (transport) {
+    case Transport::kHttp:
+      return "http";
+    case Transport::kHttpsH1:
+      return "https_h1";
+    case Transport::kHttpsH2:
+      return "https_h2";
+  }
+  return "?";
+}
+
+std::vector<Transport> allTransports() {
+  return {Transport::kHttp, Transport::kHttpsH1, Transport::kHttpsH2};
+}
+
+void ensureTestCertificates(const std::string& fallbackDir) {
+  const char* given = std::getenv("VELORA_TEST_CERTS");
+  std::string dir = given && *given ? given : fallbackDir + "/certs";
+  std::string command = "env -u LD_PRELOAD node '" + std::string(VELORA_SOURCE_DIR) +
+                        "/tests/origin/certs.js' '" + dir + "' >/dev/null";
+  if (std::system(command.c_str()) != 0)
+    throw std::runtime_error("cannot make the test certificates (is openssl installed?)");
+  setenv("VELORA_TEST_CERTS", dir.c_str(), 1);
+  setenv("VELORA_CA_FILE", (dir + "/ca.pem").c_str(), 0);
+}
+
+OriginServer::OriginServer(Transport transport) : transport_(transport) {
   int in[2], out[2];
   if (pipe(in) != 0 || pipe(out) != 0)
     throw std::runtime_error("pipe failed");
@@ -42,7 +70,32 @@ OriginServer::OriginServer() {
   while (read(out[0], &c, 1) == 1 && c != '\n')
     line += c;
   close(out[0]);
-  port_ = nlohmann::json::parse(line).at("port").get<int>();
+  nlohmann::json ports = nlohmann::json::parse(line);
+  httpPort_ = ports.at("port").get<int>();
+  httpsPort_ = ports.value("httpsPort", 0);
+  https1Port_ = ports.value("https1Port", 0);
+  if (ports.contains("faults")) {
+    for (const auto& [name, port] : ports["faults"].items())
+      faultPorts_.emplace_back(name, port.get<int>());
+  }
+  if (transport_ != Transport::kHttp && httpsPort_ == 0)
+    throw std::runtime_error("the origin serves no TLS: VELORA_TEST_CERTS is not set");
+}
+
+int OriginServer::port() const {
+  return transport_ == Transport::kHttp ? httpPort_ : tlsPort(transport_);
+}
+
+int OriginServer::tlsPort(Transport transport) const {
+  return transport == Transport::kHttpsH1 ? https1Port_ : httpsPort_;
+}
+
+int OriginServer::faultPort(const std::string& name) const {
+  for (const auto& [fault, port] : faultPorts_) {
+    if (fault == name)
+      return port;
+  }
+  throw std::runtime_error("no fault listener " + name);
 }
 
 OriginServer::~OriginServer() {
@@ -52,22 +105,44 @@ OriginServer::~OriginServer() {
 }
 
 std::string OriginServer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
+  const char* scheme = transport_ == Transport::kHttp ? "http://" : "https://";
+  return scheme + std::string("127.0.0.1:") + std::to_string(port()) + path;
 }
 
+std::string OriginServer::httpUrl(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(httpPort_) + path;
+}
+
+namespace {
+
+nlohmann::json askJson(const std::string& url) {
+  return nlohmann::json::parse(fetch(url).body);
+}
+
+}  // namespace
+
 int OriginServer::count(const std::string& path) const {
-  FetchResult result = fetch(url("/__count?path=" + path));
-  return nlohmann::json::parse(result.body).at("count").get<int>();
+  return askJson(httpUrl("/__count?path=" + path)).at("count").get<int>();
 }
 
 int64_t OriginServer::sentBytes(const std::string& path) const {
-  FetchResult result = fetch(url("/__sent?path=" + path));
-  return nlohmann::json::parse(result.body).at("bytes").get<int64_t>();
+  return askJson(httpUrl("/__sent?path=" + path)).at("bytes").get<int64_t>();
 }
 
 int OriginServer::connections() const {
-  FetchResult result = fetch(url("/__connections"));
-  return nlohmann::json::parse(result.body).at("count").get<int>();
+  return askJson(httpUrl("/__connections")).at("count").get<int>();
+}
+
+TlsStats OriginServer::tls() const {
+  nlohmann::json stats = askJson(httpUrl("/__tls"));
+  TlsStats tls;
+  tls.handshakes = stats.at("handshakes").get<int>();
+  tls.resumed = stats.at("resumed").get<int>();
+  tls.h2Sessions = stats.at("h2Sessions").get<int>();
+  tls.h2Streams = stats.at("h2Streams").get<int>();
+  tls.h1Requests = stats.at("h1Requests").get<int>();
+  tls.refusedReached = stats.at("refusedReached").get<int>();
+  return tls;
 }
 
 std::string patternBytes(size_t offset, size_t size) {

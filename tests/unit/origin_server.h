@@ -15,25 +15,67 @@
 
 namespace velora_test {
 
+// How a test reaches the origin: cleartext HTTP/1.1, or TLS to a listener
+// that speaks HTTP/1.1 alone or HTTP/2 (with HTTP/1.1 for clients without h2).
+enum class Transport { kHttp, kHttpsH1, kHttpsH2 };
+
+// "http", "https_h1", "https_h2": for test names.
+const char* transportName(Transport transport);
+// The three, for INSTANTIATE_TEST_SUITE_P.
+std::vector<Transport> allTransports();
+
+// TLS counters of the origin since it started.
+struct TlsStats {
+  int handshakes = 0;
+  int resumed = 0;     // handshakes that resumed an earlier session
+  int h2Sessions = 0;  // HTTP/2 connections
+  int h2Streams = 0;
+  int h1Requests = 0;      // HTTP/1.1 requests over TLS
+  int refusedReached = 0;  // requests that got through a faulty listener
+};
+
 class OriginServer {
  public:
-  OriginServer();   // starts it and waits for its port
+  // Starts it and waits for its ports. It serves TLS with the run's
+  // certificates (see ensureTestCertificates).
+  explicit OriginServer(Transport transport = Transport::kHttp);
   ~OriginServer();  // closes its stdin: it exits by itself
 
-  int port() const { return port_; }
+  Transport transport() const { return transport_; }
+  // The port and URLs of `transport`.
+  int port() const;
   std::string url(const std::string& path) const;
+  std::string origin() const { return url(""); }
+  // Always cleartext, whatever the transport: for a second origin, and for
+  // the counters below, which must not change what they count.
+  std::string httpUrl(const std::string& path) const;
+  int tlsPort(Transport transport) const;
+  // A listener that must be refused: untrusted, selfSigned, expired,
+  // wrongHost, tls10 or stall.
+  int faultPort(const std::string& name) const;
+
   // How many requests reached `path` so far.
   int count(const std::string& path) const;
   // Body bytes written to requests of `path` so far (/bytes and /delay).
   int64_t sentBytes(const std::string& path) const;
-  // Connections open now (the one asking included).
+  // Connections open now on every listener (the one asking included).
   int connections() const;
+  TlsStats tls() const;
 
  private:
+  Transport transport_;
   pid_t pid_ = -1;
   int stdinFd_ = -1;
-  int port_ = 0;
+  int httpPort_ = 0;
+  int httpsPort_ = 0;
+  int https1Port_ = 0;
+  std::vector<std::pair<std::string, int>> faultPorts_;
 };
+
+// Makes the run's certificates (tests/origin/certs.js) once per process
+// unless VELORA_TEST_CERTS names them already, and points VELORA_TEST_CERTS
+// and VELORA_CA_FILE at them. Call before the first transfer.
+void ensureTestCertificates(const std::string& fallbackDir);
 
 // The pattern body the origin serves for /bytes/N.
 std::string patternBytes(size_t offset, size_t size);

@@ -10,6 +10,7 @@
 #include "gantry_ssr/host_config.h"
 #include "intercept/intercept_manager.h"
 #include "napi/sdk_init_info.h"
+#include "origin_server.h"
 #include "tern/singleton.h"
 #include "test_support.h"
 
@@ -57,6 +58,7 @@ int main(int argc, char** argv) {
   }
   velora_test::TempDir dataDir;
   setenv("VELORA_DATA_DIR", dataDir.path().c_str(), 1);
+  velora_test::ensureTestCertificates(dataDir.path());
   ::testing::InitGoogleTest(&argc, argv);
   ::testing::UnitTest::GetInstance()->listeners().Append(new ResetBetweenTests);
   ::testing::UnitTest::GetInstance()->listeners().Append(new NoRuleViolations);

@@ -1,0 +1,172 @@
+// flume over TLS: which servers it refuses, how it shares connections and
+// sessions, and what HTTP/2's own faults do to the streams on a connection.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "flume/flume.h"
+#include "flume/host_config.h"
+#include "origin_server.h"
+#include "test_support.h"
+
+using velora_test::fetch;
+using velora_test::FetchResult;
+using velora_test::OriginServer;
+using velora_test::patternBytes;
+using velora_test::TlsStats;
+using velora_test::Transport;
+
+namespace {
+
+std::string faultUrl(const OriginServer& origin, const std::string& fault) {
+  const std::string host = fault == "wrongHost" ? "localhost" : "127.0.0.1";
+  return "https://" + host + ":" + std::to_string(origin.faultPort(fault)) + "/";
+}
+
+// Starts every URL at once on the process session and waits for them all.
+std::vector<FetchResult> fetchAll(const std::vector<std::string>& urls) {
+  std::vector<std::future<FetchResult>> pending;
+  for (const std::string& url : urls)
+    pending.push_back(std::async(std::launch::async, [url] { return fetch(url); }));
+  std::vector<FetchResult> results;
+  for (auto& result : pending)
+    results.push_back(result.get());
+  return results;
+}
+
+}  // namespace
+
+TEST(FlumeTls, ServersABrowserWouldRefuseFailOnceBeforeAnyResponse) {
+  OriginServer origin;
+  // The tls10 listener really does speak TLS 1.0 to a client that allows it.
+  const std::string probe = "env -u LD_PRELOAD curl -s -o /dev/null --cacert '" +
+                            std::string(std::getenv("VELORA_CA_FILE")) +
+                            "' --tlsv1.0 --tls-max 1.0 --ciphers DEFAULT@SECLEVEL=0 " +
+                            faultUrl(origin, "tls10");
+  ASSERT_EQ(std::system(probe.c_str()), 0);
+  ASSERT_EQ(origin.tls().refusedReached, 1);
+
+  struct Case {
+    const char* fault;
+    const char* cause;  // in libcurl's message
+  };
+  for (const Case& c :
+       {Case{"untrusted", "unable to get local issuer certificate"},
+        Case{"selfSigned", "self-signed certificate"}, Case{"expired", "certificate has expired"},
+        Case{"wrongHost", "no alternative certificate subject name matches"},
+        Case{"tls10", "SSL"}}) {
+    FetchResult result = fetch(faultUrl(origin, c.fault));
+    EXPECT_FALSE(result.responded) << c.fault;
+    EXPECT_EQ(result.events, "SME") << c.fault;
+    EXPECT_NE(result.errorCode, 0) << c.fault;
+    EXPECT_NE(result.errorMessage.find(c.cause), std::string::npos)
+        << c.fault << ": " << result.errorMessage;
+  }
+  EXPECT_EQ(origin.tls().refusedReached, 1) << "a request got through a bad server";
+}
+
+TEST(FlumeTls, AHandshakeThatStallsEndsAtTheConnectTimeout) {
+  OriginServer origin;
+  flume::setDefaultTimeouts(500, 60000);
+  auto started = std::chrono::steady_clock::now();
+  FetchResult result = fetch(faultUrl(origin, "stall"));
+  auto took = std::chrono::steady_clock::now() - started;
+  flume::setDefaultTimeouts(30000, 60000);
+  EXPECT_EQ(result.events, "SME");
+  EXPECT_EQ(result.errorCode, 28);  // CURLE_OPERATION_TIMEDOUT
+  EXPECT_LT(took, std::chrono::seconds(5));
+}
+
+TEST(FlumeTls, ParallelRequestsToAnHttp2OriginShareOneConnection) {
+  OriginServer origin(Transport::kHttpsH2);
+  std::vector<std::string> urls;
+  for (int i = 0; i < 50; ++i)
+    urls.push_back(origin.url("/delay?ms=50&size=" + std::to_string(1000 + i)));
+  std::vector<FetchResult> results = fetchAll(urls);
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(results[i].status, 200) << results[i].errorMessage;
+    EXPECT_TRUE(results[i].body == patternBytes(0, 1000 + i));
+  }
+  TlsStats tls = origin.tls();
+  EXPECT_EQ(tls.handshakes, 1);
+  EXPECT_EQ(tls.h2Sessions, 1);
+  EXPECT_EQ(tls.h2Streams, 50);
+}
+
+TEST(FlumeTls, AnHttp1OriginGetsAtMostSixConnectionsThatResumeItsSession) {
+  OriginServer origin(Transport::kHttpsH1);
+  ASSERT_EQ(fetch(origin.url("/bytes/10")).status, 200);
+  std::vector<std::string> urls;
+  for (int i = 0; i < 30; ++i)
+    urls.push_back(origin.url("/delay?ms=100&size=" + std::to_string(100 + i)));
+  std::vector<FetchResult> results = fetchAll(urls);
+  for (int i = 0; i < 30; ++i)
+    ASSERT_EQ(results[i].status, 200) << results[i].errorMessage;
+  TlsStats tls = origin.tls();
+  EXPECT_EQ(tls.h1Requests, 31);
+  EXPECT_LE(tls.handshakes, 6);
+  EXPECT_GE(tls.handshakes, 2);
+  // Later connections resume the first one's session rather than paying a
+  // full handshake (how many depends on when each got a ticket to resume).
+  EXPECT_GE(tls.resumed, 1);
+}
+
+TEST(FlumeTls, AResetStreamLeavesTheOtherStreamsOnItsConnection) {
+  OriginServer origin(Transport::kHttpsH2);
+  std::vector<FetchResult> results = fetchAll({
+      origin.url("/bytes/300000?chunk=30000&delay=40"),
+      origin.url("/rst?after=1000"),
+      origin.url("/bytes/200000?chunk=20000&delay=40"),
+  });
+  EXPECT_EQ(results[1].events, "SRDME");
+  EXPECT_EQ(results[1].body, patternBytes(0, 1000));
+  EXPECT_EQ(results[0].errorCode, 0) << results[0].errorMessage;
+  EXPECT_TRUE(results[0].body == patternBytes(0, 300000));
+  EXPECT_EQ(results[2].errorCode, 0) << results[2].errorMessage;
+  EXPECT_TRUE(results[2].body == patternBytes(0, 200000));
+  EXPECT_EQ(origin.tls().handshakes, 1);
+}
+
+TEST(FlumeTls, ADroppedConnectionFailsEveryStreamOnItOnce) {
+  OriginServer origin(Transport::kHttpsH2);
+  std::vector<FetchResult> results = fetchAll({
+      origin.url("/stall?after=100"),
+      origin.url("/bytes/5000000?chunk=10000&delay=50"),
+      origin.url("/reset?after=1000"),
+  });
+  ASSERT_EQ(origin.tls().h2Sessions, 1);
+  for (const FetchResult& result : results) {
+    EXPECT_NE(result.errorCode, 0);
+    EXPECT_EQ(result.events.back(), 'E');
+    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), 'E'), 1);
+  }
+  EXPECT_EQ(origin.count("/reset"), 1) << "a request was sent again";
+}
+
+TEST(FlumeTls, AGoawayFailsOrRetriesExactlyTheStreamsTheServerDidNotProcess) {
+  OriginServer origin(Transport::kHttpsH2);
+  // Four GETs on one connection; the server answers the first two it got and
+  // says, by GOAWAY, that it never processed the others.
+  std::vector<std::string> urls(4, origin.url("/hold?group=g&n=4&goaway=2"));
+  std::vector<FetchResult> results = fetchAll(urls);
+  nlohmann::json group = nlohmann::json::parse(fetch(origin.httpUrl("/__hold?group=g")).body);
+  int answered = 0;
+  for (const FetchResult& result : results) {
+    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), 'E') +
+                  std::count(result.events.begin(), result.events.end(), 'F'),
+              1);
+    if (result.errorCode == 0) {
+      EXPECT_EQ(result.body, "held g");
+      ++answered;
+    }
+  }
+  // Each unprocessed GET is retried once, on a new connection.
+  EXPECT_EQ(answered, 4);
+  EXPECT_EQ(group["arrived"].get<int>(), 6);
+  EXPECT_EQ(group["answered"].get<int>(), 4);
+  EXPECT_GE(origin.tls().h2Sessions, 2);
+  EXPECT_LE(origin.tls().h2Sessions, 3);
+}
