@@ -427,8 +427,11 @@ void NetworkListener::onFLHttpReceiveData(const flume::FLHttpRequest&,
   load_->recordNetworkData(data->data(), data->size());
 }
 
-void NetworkListener::onFLHttpError(const flume::FLHttpRequest&,
+void NetworkListener::onFLHttpError(const flume::FLHttpRequest& request,
                                     const std::shared_ptr<flume::FLError>& error) {
+  OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kEngineLogTag,
+               "load of %{public}s failed: %{public}s (%{public}d)", request.url().c_str(),
+               error->getMessage().c_str(), error->getCode());
   load_->complete(netErrorFromCurl(error->getCode()));
   delete this;
 }

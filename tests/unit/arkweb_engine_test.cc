@@ -223,6 +223,35 @@ TEST(ArkWebEngine, DeclinedRequestsAndComponentsWithoutHandlerLoadOverTheNetwork
   EXPECT_EQ(web->loadAndWait({origin.url("/bytes/1")}).error, ARKWEB_ERR_ABORTED);
 }
 
+// The engine's own loads (no handler) speak TLS as the bound ones do: HTTP/2
+// with its redirects, and refused servers end the load once, without status.
+TEST(ArkWebEngine, ItsOwnLoadsOverTlsFollowRedirectsAndRefuseBadServers) {
+  velora_test::OriginServer origin(velora_test::Transport::kHttpsH2);
+  velora_test::HilogCapture hilog;
+  auto web = WebComponent::create("engine-tls");
+  std::string other = origin.url("/bytes/4000");
+  other.replace(other.find("127.0.0.1"), 9, "localhost");
+  LoadResult redirected = web->loadAndWait({origin.url("/redirect?to=" + other)});
+  EXPECT_FALSE(redirected.intercepted);
+  EXPECT_EQ(redirected.error, 0);
+  EXPECT_EQ(redirected.url, other);
+  EXPECT_EQ(redirected.body, velora_test::patternBytes(0, 4000));
+  EXPECT_EQ(origin.tls().h2Streams, 2);
+
+  for (const char* fault : {"untrusted", "expired", "tls10"}) {
+    int responses = 0;
+    LoadOptions bad{"https://127.0.0.1:" + std::to_string(origin.faultPort(fault)) + "/"};
+    bad.onResponse = [&](int, const std::string&, const arkweb_host::HeaderList&) { ++responses; };
+    LoadResult result = web->loadAndWait(bad);
+    EXPECT_EQ(result.error, ARKWEB_ERR_FAILED) << fault;
+    EXPECT_EQ(result.status, 0) << fault;
+    EXPECT_EQ(responses, 0) << fault;
+  }
+  EXPECT_TRUE(hilog.contains("certificate has expired"));
+  EXPECT_EQ(origin.tls().refusedReached, 0);
+  web->destroy();
+}
+
 TEST(ArkWebEngine, RedirectsAreFollowedThroughTheHandlerAsNewRequests) {
   auto web = WebComponent::create("engine5");
   TestHandler handler("engine5");

@@ -18,6 +18,7 @@
 #include "test_support.h"
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
+#include "transport_param.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
@@ -36,10 +37,11 @@ std::vector<std::string> reasonsLogged(const tide::LogCapture& log) {
   return reasons;
 }
 
+class RequestPathOver : public velora_test::OverEachTransport {};
+
 }  // namespace
 
-TEST(RequestPath, BodiesOfEverySizeArriveByteExact) {
-  OriginServer origin;
+TEST_P(RequestPathOver, BodiesOfEverySizeArriveByteExact) {
   BoundPage page("page");
   tide::LogCapture log;
   for (size_t size : {size_t{0}, size_t{1}, size_t{65536}, size_t{50} << 20}) {
@@ -59,8 +61,7 @@ TEST(RequestPath, BodiesOfEverySizeArriveByteExact) {
   EXPECT_TRUE(velora_test::waitFor([&] { return log.find("~WebRequest").size() == 4; }));
 }
 
-TEST(RequestPath, RepeatedHeadersReachTheEngineInOrder) {
-  OriginServer origin;
+TEST_P(RequestPathOver, RepeatedHeadersReachTheEngineInOrder) {
   BoundPage page("page");
   LoadResult result = page.load(origin.url("/headers"));
   EXPECT_EQ(velora_test::headerValues(result.headers, "Set-Cookie"),
@@ -88,8 +89,7 @@ TEST(RequestPath, ContentTypeSetsMimeAndCharsetOnlyWithTheSwitchOn) {
   EXPECT_EQ(charsetOnly.charset, "gbk");
 }
 
-TEST(RequestPath, UploadsArriveByteExactSizedAndChunked) {
-  OriginServer origin;
+TEST_P(RequestPathOver, UploadsArriveByteExactSizedAndChunked) {
   BoundPage page("page");
   tide::LogCapture log;
   for (bool chunked : {false, true}) {
@@ -154,16 +154,17 @@ TEST(RequestPath, AnUploadWhoseBodyCannotBeReadFailsThePage) {
   EXPECT_EQ(readFailed[0]["fields"]["read"], ARKWEB_ERR_ACCESS_DENIED);
 }
 
-TEST(RequestPath, FailuresBeforeTheResponseAfterItAndErrorStatuses) {
+TEST_P(RequestPathOver, FailuresBeforeTheResponseAfterItAndErrorStatuses) {
   velora_test::TempDir dir;
   alarmUseStatsFile(dir.file("stats.jsonl"));
-  OriginServer origin;
   BoundPage page("page");
   tide::LogCapture log;
-  std::string refusedUrl = "http://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/x";
+  std::string refusedUrl = std::string(overTls() ? "https" : "http") +
+                           "://127.0.0.1:" + std::to_string(velora_test::refusedPort()) + "/x";
   LoadResult refused = page.load(refusedUrl);
   EXPECT_TRUE(refused.intercepted);
   EXPECT_EQ(refused.error, ARKWEB_ERR_FAILED);  // a synthetic failed response
+  EXPECT_EQ(refused.status, 0) << "a load that got no response has no status";
 
   LoadResult reset = page.load(origin.url("/reset?after=1000"));
   EXPECT_EQ(reset.status, 200);
@@ -261,8 +262,7 @@ TEST(RequestPath, StartAfterTheDestroyNoticeIsNotIntercepted) {
   EXPECT_EQ(destroyed[0]["fields"]["removed"], true);
 }
 
-TEST(RequestPath, PageCancellingMidBodyEndsTheRequestCleanly) {
-  OriginServer origin;
+TEST_P(RequestPathOver, PageCancellingMidBodyEndsTheRequestCleanly) {
   BoundPage page("page");
   tide::LogCapture log;
   velora_test::HilogCapture hilog;
@@ -317,3 +317,59 @@ TEST(RequestPath, TwoThousandRequestsOverTwentyComponentsAtOnce) {
   ASSERT_TRUE(allDone.wait_for(lock, std::chrono::seconds(120), [&] { return done == 2000; }));
   EXPECT_EQ(good, 2000);
 }
+
+TEST_P(RequestPathOver, RedirectsToAnotherOriginAndDownToCleartextAreFollowed) {
+  BoundPage page("page");
+  std::vector<std::string> targets = {otherOriginUrl("/bytes/300")};
+  if (overTls())
+    targets.push_back(origin.httpUrl("/bytes/300"));
+  for (const std::string& target : targets) {
+    LoadResult result = page.load(origin.url("/redirect?code=302&to=" + target));
+    EXPECT_TRUE(result.intercepted);
+    EXPECT_EQ(result.error, 0) << target;
+    EXPECT_EQ(result.redirects, 1);
+    EXPECT_EQ(result.url, target);
+    EXPECT_EQ(result.body, patternBytes(0, 300)) << target;
+  }
+  EXPECT_EQ(origin.count("/bytes/300"), static_cast<int>(targets.size()));
+}
+
+// Each kind of server a browser refuses ends the page's load once, with the
+// generic failure and no status, and one error entry naming the cause; the
+// request is never sent again over cleartext.
+TEST(RequestPathTls, ServersABrowserRefusesFailThePageOnceWithoutAStatus) {
+  OriginServer origin;
+  BoundPage page("page");
+  tide::LogCapture log;
+  struct Case {
+    const char* fault;
+    const char* cause;
+  };
+  const std::vector<Case> cases = {{"untrusted", "unable to get local issuer certificate"},
+                                   {"selfSigned", "self-signed certificate"},
+                                   {"expired", "certificate has expired"},
+                                   {"wrongHost", "no alternative certificate subject name"},
+                                   {"tls10", "SSL"}};
+  for (const Case& c : cases) {
+    const std::string host = std::string(c.fault) == "wrongHost" ? "localhost" : "127.0.0.1";
+    const std::string url =
+        "https://" + host + ":" + std::to_string(origin.faultPort(c.fault)) + "/page";
+    LoadResult result = page.load(url);
+    EXPECT_TRUE(result.intercepted) << c.fault;
+    EXPECT_EQ(result.error, ARKWEB_ERR_FAILED) << c.fault;
+    EXPECT_EQ(result.status, 0) << c.fault;
+    EXPECT_TRUE(result.headers.empty()) << c.fault;
+  }
+  ASSERT_TRUE(velora_test::waitFor([&] { return log.find("finished").size() == cases.size(); }));
+  auto failed = log.find("finished", "Velora/Network");
+  ASSERT_EQ(failed.size(), cases.size());
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(failed[i]["level"], 1);
+    EXPECT_NE(failed[i]["error"].get<std::string>().find(cases[i].cause), std::string::npos)
+        << failed[i];
+  }
+  EXPECT_EQ(origin.tls().refusedReached, 0);
+  EXPECT_EQ(origin.count("/page"), 0) << "the page was asked for over cleartext";
+}
+
+VELORA_OVER_EACH_TRANSPORT(RequestPathOver);

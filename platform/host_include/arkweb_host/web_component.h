@@ -66,7 +66,7 @@ struct LoadTiming {
 struct LoadResult {
   bool intercepted = false;  // answered by the scheme handler
   std::string url;           // after redirects
-  int status = 0;
+  int status = 0;  // 0: no response came (the load failed before one)
   std::string statusText;
   HeaderList headers;  // in order, repeats kept
   std::string mimeType;
