@@ -364,7 +364,7 @@ class SessionCore {
     }
     for (Transfer* transfer : idle_) {
       std::snprintf(transfer->error, CURL_ERROR_SIZE, "no data moved for %ld ms", transfer->idleMs);
-      curl_multi_remove_handle(multi_, transfer->easy);
+      abandon(transfer);
       complete(transfer, CURLE_OPERATION_TIMEDOUT, /*removed=*/true);
     }
   }
@@ -389,13 +389,25 @@ class SessionCore {
         for (auto& [id, transfer] : live_) {
           if (transfer->request == command.request) {
             std::strncpy(transfer->error, "cancelled by the caller", CURL_ERROR_SIZE - 1);
-            curl_multi_remove_handle(multi_, transfer->easy);
+            abandon(transfer);
             complete(transfer, CURLE_ABORTED_BY_CALLBACK, /*removed=*/true);
             break;
           }
         }
         break;
     }
+  }
+
+  // Takes a live transfer off its connection so that the server stops
+  // sending it. HTTP/1.1 has only the connection to close, and libcurl closes
+  // it. On an HTTP/2 connection libcurl queues a RST_STREAM, but sends it only
+  // when another transfer next drives the connection: with none left, the
+  // server would go on filling the flow-control window of a stream nobody
+  // reads and keep it open. Forbidding reuse closes such a connection at once;
+  // one that other transfers still use stays, and they carry the reset out.
+  void abandon(Transfer* transfer) {
+    curl_easy_setopt(transfer->easy, CURLOPT_FORBID_REUSE, 1L);
+    curl_multi_remove_handle(multi_, transfer->easy);
   }
 
   // Fails a transfer before it goes out.

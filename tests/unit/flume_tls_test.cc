@@ -5,6 +5,7 @@
 #include <future>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "flume/flume.h"
@@ -169,4 +170,39 @@ TEST(FlumeTls, AGoawayFailsOrRetriesExactlyTheStreamsTheServerDidNotProcess) {
   EXPECT_EQ(group["answered"].get<int>(), 4);
   EXPECT_GE(origin.tls().h2Sessions, 2);
   EXPECT_LE(origin.tls().h2Sessions, 3);
+}
+
+// A cancelled stream is reset while the connection's other streams go on; a
+// cancelled stream alone on its connection takes the connection with it, so
+// the server stops sending either way.
+TEST(FlumeTls, CancellingAStreamStopsItsSenderAndSparesTheOtherStreams) {
+  OriginServer origin(Transport::kHttpsH2);
+  const std::string longBody = "/bytes/209715200?chunk=65536&delay=2";
+  auto cancelled = flume::FLHttpRequest::create(origin.url(longBody));
+  auto pending = std::async(std::launch::async, [&] { return fetch(cancelled); });
+  auto other = std::async(std::launch::async,
+                          [&] { return fetch(origin.url("/bytes/3000000?chunk=30000&delay=20")); });
+  ASSERT_TRUE(velora_test::waitFor([&] { return origin.sentBytes("/bytes/209715200") > 0; }));
+  flume::FLHttpSession::getSession()->cancel(cancelled);
+  EXPECT_EQ(pending.get().errorCode, 42);
+  FetchResult survivor = other.get();
+  EXPECT_EQ(survivor.errorCode, 0) << survivor.errorMessage;
+  EXPECT_TRUE(survivor.body == patternBytes(0, 3000000));
+  const int64_t afterStop = origin.sentBytes("/bytes/209715200");
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(origin.sentBytes("/bytes/209715200"), afterStop)
+      << "the reset never reached the server";
+  EXPECT_EQ(origin.tls().handshakes, 1);
+
+  // Alone on its connection. Unreset, the stream would take what its
+  // flow-control window holds (megabytes) and stay open on the server.
+  auto lonely = flume::FLHttpRequest::create(origin.url(longBody + "&alone"));
+  auto lonelyResult = std::async(std::launch::async, [&] { return fetch(lonely); });
+  ASSERT_TRUE(
+      velora_test::waitFor([&] { return origin.sentBytes("/bytes/209715200") > afterStop; }));
+  const int64_t atCancel = origin.sentBytes("/bytes/209715200");
+  flume::FLHttpSession::getSession()->cancel(lonely);
+  EXPECT_EQ(lonelyResult.get().errorCode, 42);
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));
+  EXPECT_LT(origin.sentBytes("/bytes/209715200") - atCancel, 2 << 20);
 }

@@ -18,6 +18,7 @@
 #include "test_support.h"
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
+#include "transport_param.h"
 #include "web_request/web_request.h"
 
 namespace fs = std::filesystem;
@@ -74,10 +75,15 @@ class OfflineCacheTest : public ::testing::Test {
   std::shared_ptr<arkweb_host::WebComponent> web_;
 };
 
+// Packages answer for https pages as for http ones, and misses go out over
+// the page's own transport.
+class OfflineCacheOver : public OfflineCacheTest,
+                         public ::testing::WithParamInterface<velora_test::Transport> {};
+
 }  // namespace
 
-TEST_F(OfflineCacheTest, AHitIsServedFromThePackageWithoutTouchingTheNetwork) {
-  OriginServer origin;
+TEST_P(OfflineCacheOver, AHitIsServedFromThePackageWithoutTouchingTheNetwork) {
+  OriginServer origin(GetParam());
   std::string body = velora_test::patternBytes(5, 50 * 1024);
   install({origin.url("/site/assets/style.css")}, body);
   tide::LogCapture log;
@@ -104,8 +110,8 @@ TEST_F(OfflineCacheTest, AllowOriginIsAddedOnlyWhenTheExactNameIsMissing) {
   EXPECT_EQ(valuesOf(lower, "Access-Control-Allow-Origin"), (std::vector<std::string>{"*"}));
 }
 
-TEST_F(OfflineCacheTest, MissesCorruptPackagesAndOtherMethodsGoToTheNetwork) {
-  OriginServer origin;
+TEST_P(OfflineCacheOver, MissesCorruptPackagesAndOtherMethodsGoToTheNetwork) {
+  OriginServer origin(GetParam());
   std::ofstream(packages_.path() + "/corrupt.zip") << "not a zip at all";
   fs::create_directories(packages_.path() + "/badjson");
   std::ofstream(packages_.path() + "/badjson/manifest.json") << "{\"id\": ";
@@ -215,3 +221,8 @@ TEST(RequestStatistics, TextsListEntriesInKeyOrderWithoutEscaping) {
                                       std::string("code*F*-2#L#msg*F*timeout#L#url*F*U#L#")));
   EXPECT_EQ(points[3].second, "code*F*7#L#msg*F*#L#url*F*U#L#");
 }
+
+INSTANTIATE_TEST_SUITE_P(,
+                         OfflineCacheOver,
+                         ::testing::ValuesIn(velora_test::allTransports()),
+                         velora_test::transportTestName);

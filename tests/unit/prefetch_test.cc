@@ -13,6 +13,7 @@
 #include "test_support.h"
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
+#include "transport_param.h"
 
 using velora::HeaderMultimap;
 using velora::PrefetchNetwork;
@@ -79,6 +80,8 @@ std::string startPrefetch(const std::string& url,
     request->setHeader(name, value);
   return PrefetchNetwork::startPrefetch(request, std::move(receiver));
 }
+
+class PrefetchTakeoverOver : public velora_test::OverEachTransport {};
 
 }  // namespace
 
@@ -243,8 +246,7 @@ TEST(PrefetchNetwork, FinishedUnclaimedStaysClaimedFinishedAndFailedGoAway) {
   EXPECT_FALSE(PrefetchNetwork::consumePrefetch(failing, std::make_shared<Recorder>()));
 }
 
-TEST(PrefetchTakeover, APageGetsTheBodyByteExactOnceWhenItClaimsEarlyMidwayOrLate) {
-  OriginServer origin;
+TEST_P(PrefetchTakeoverOver, APageGetsTheBodyByteExactOnceWhenItClaimsEarlyMidwayOrLate) {
   constexpr size_t kSize = 5 << 20;
   const std::string expected = patternBytes(0, kSize);
   std::string path = "/bytes/" + std::to_string(kSize) + "?chunk=65536&delay=3";
@@ -288,8 +290,7 @@ TEST(PrefetchTakeover, OnlyTheMainFrameOfTheExactUrlOfTheBoundIdTakesItOnce) {
   EXPECT_EQ(hits, (std::vector<bool>{false, false, false, true, false}));
 }
 
-TEST(PrefetchTakeover, AFailedPrefetchIsForgottenAndThePageAsksTheNetworkItself) {
-  OriginServer origin;
+TEST_P(PrefetchTakeoverOver, AFailedPrefetchIsForgottenAndThePageAsksTheNetworkItself) {
   std::string url = origin.url("/reset?after=10");
   std::string id = startPrefetch(url);
   EXPECT_TRUE(
@@ -309,3 +310,26 @@ TEST(PrefetchTakeover, DestroyingTheBoundComponentRemovesItsPrefetch) {
   page.destroy();
   EXPECT_EQ(PrefetchNetwork::getPrefetchRequest(id), nullptr);
 }
+
+// The prefetch's connection is the one the page then uses: a page whose
+// document was prefetched pays for no handshake of its own.
+TEST_P(PrefetchTakeoverOver, APrefetchWarmsTheConnectionThePageThenUses) {
+  std::string url = origin.url("/bytes/20000?page");
+  std::string id = startPrefetch(url);
+  ASSERT_TRUE(velora_test::waitFor([&] {
+    auto request = PrefetchNetwork::getPrefetchRequest(id);
+    return request && origin.count("/bytes/20000") == 1;
+  }));
+  BoundPage page("page", id, url);
+  EXPECT_TRUE(page.load(url).body == patternBytes(0, 20000));
+  for (const char* resource : {"/bytes/300?a", "/bytes/400?b", "/headers"})
+    EXPECT_EQ(page.load(origin.url(resource)).error, 0);
+  EXPECT_EQ(origin.count("/bytes/20000"), 1);
+  if (overTls()) {
+    EXPECT_EQ(origin.tls().handshakes, 1);
+  } else {
+    EXPECT_EQ(origin.connections(), 2);  // the page's, and the one asking
+  }
+}
+
+VELORA_OVER_EACH_TRANSPORT(PrefetchTakeoverOver);

@@ -41,6 +41,7 @@
 #include "test_support.h"
 #include "tide_logger/log.h"
 #include "tide_logger/log_capture.h"
+#include "transport_param.h"
 #include "utils/simple_url_parser.h"
 
 using arkweb_host::LoadOptions;
@@ -59,8 +60,11 @@ void setFcc(bool on) {
   tern::Singleton<FirstChunkManager>::getInstance().setEnable(on);
 }
 
-class SsrPath : public ::testing::Test {
+class SsrPathBase : public ::testing::Test {
  protected:
+  explicit SsrPathBase(velora_test::Transport transport = velora_test::Transport::kHttp)
+      : origin_(transport) {}
+
   void SetUp() override {
     stats_ = statsDir_.file("stats.jsonl");
     alarmUseStatsFile(stats_);
@@ -92,7 +96,7 @@ class SsrPath : public ::testing::Test {
 
   // The request headers the origin saw last for `path`.
   nlohmann::json seen(const std::string& path) {
-    return nlohmann::json::parse(velora_test::fetch(origin_.url("/__seen?path=" + path)).body);
+    return nlohmann::json::parse(velora_test::fetch(origin_.httpUrl("/__seen?path=" + path)).body);
   }
 
   // The types of the "firstChunkCache" points so far.
@@ -114,6 +118,15 @@ class SsrPath : public ::testing::Test {
   OriginServer origin_;
   velora_test::TempDir statsDir_;
   std::string stats_;
+};
+
+class SsrPath : public SsrPathBase {};
+
+// The same pages over each transport to the gateway's origin.
+class SsrPathOver : public SsrPathBase,
+                    public ::testing::WithParamInterface<velora_test::Transport> {
+ protected:
+  SsrPathOver() : SsrPathBase(GetParam()) {}
 };
 
 std::string urlDecode(const std::string& text) {
@@ -160,7 +173,7 @@ TEST_F(SsrPath, GatewayUrlsTakeTheSsrCarrierWithTheClientDescription) {
   EXPECT_EQ(page.load(origin_.url("/status/503")).status, 503);
 }
 
-TEST_F(SsrPath, SecondVisitStartsFromTheStoredChunkAndEqualsTheLivePage) {
+TEST_P(SsrPathOver, SecondVisitStartsFromTheStoredChunkAndEqualsTheLivePage) {
   BoundPage page("ssr");
   const std::string url = origin_.url("/fcc/home?wait=100&delay=100");
   const std::string expected = live("home", "1");
@@ -478,7 +491,7 @@ TEST_F(SsrApiInfo, ABlockingAbilityHoldsUpOnlyThePageThatAskedAndTheBudgetEndsAW
   EXPECT_LT(waited, std::chrono::milliseconds(velora::ApiInfoHelper::kBudgetMs * 2));
 }
 
-TEST_F(SsrPath, APageDestroyedMidBodyEndsCleanly) {
+TEST_P(SsrPathOver, APageDestroyedMidBodyEndsCleanly) {
   auto page = std::make_unique<BoundPage>("ssr");
   velora_test::PendingLoad load(page->web(),
                                 origin_.url("/fcc/long?delay=300&size=1048576&piece=16384"));
@@ -525,7 +538,7 @@ TEST_F(SsrPath, AFirstChunkPrefetchAsksTheGatewayForTheChunkAlone) {
     velora::PrefetchNetwork::removePrefetch(each);
 }
 
-TEST_F(SsrPath, StoppingAServerRenderedPageStopsItsTransfer) {
+TEST_P(SsrPathOver, StoppingAServerRenderedPageStopsItsTransfer) {
   // 64 MiB paced at about 13 MB/s: without a cancel it keeps coming for seconds.
   const std::string path = "/fcc/stopped";
   auto page = std::make_unique<BoundPage>("ssr");
@@ -640,3 +653,8 @@ TEST_F(SsrPath, AServersQueryRuleDecidesWhichVisitsTheChunkServes) {
   EXPECT_FALSE(visit("2"));  // another id: the stored chunk is not its own
   EXPECT_TRUE(visit("2"));
 }
+
+INSTANTIATE_TEST_SUITE_P(,
+                         SsrPathOver,
+                         ::testing::ValuesIn(velora_test::allTransports()),
+                         velora_test::transportTestName);

@@ -13,6 +13,7 @@
 #include "strata/host_config.h"
 #include "strata/strata_core.h"
 #include "test_support.h"
+#include "transport_param.h"
 
 using arkweb_host::LoadOptions;
 using arkweb_host::LoadResult;
@@ -46,10 +47,11 @@ std::string startPrefetch(const std::string& url) {
   return PrefetchNetwork::startPrefetch(request, nullptr);
 }
 
+class StopOver : public velora_test::OverEachTransport {};
+
 }  // namespace
 
-TEST(Stop, AStoppedPageStopsItsTransfer) {
-  OriginServer origin;
+TEST_P(StopOver, AStoppedPageStopsItsTransfer) {
   BoundPage page("page");
   LoadOptions options(origin.url(kLongBody));
   options.cancelAfterMs = 200;
@@ -69,8 +71,7 @@ TEST(Stop, AStoppedPageStopsItsTransfer) {
   EXPECT_TRUE(velora_test::waitFor([&] { return origin.connections() <= 2; }));
 }
 
-TEST(Stop, ARemovedPrefetchStopsUnlessAPageClaimedIt) {
-  OriginServer origin;
+TEST_P(StopOver, ARemovedPrefetchStopsUnlessAPageClaimedIt) {
   std::string unclaimed = startPrefetch(origin.url(kLongBody));
   ASSERT_TRUE(velora_test::waitFor([&] { return origin.sentBytes("/bytes/209715200") > 0; }));
   PrefetchNetwork::removePrefetch(unclaimed);
@@ -114,3 +115,5 @@ TEST(Stop, TheProcessExitsCleanlyWithWorkInFlight) {
   for (int run = 0; run < 10; ++run)
     ASSERT_EQ(velora_test::runChild("ExitWithWorkInFlight"), 0) << "run " << run;
 }
+
+VELORA_OVER_EACH_TRANSPORT(StopOver);
