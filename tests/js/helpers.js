@@ -79,7 +79,8 @@ class Sandbox {
 function inProcessSuite(prefix) {
   const { before, after, afterEach } = require('node:test');
   const assert = require('node:assert/strict');
-  const { startOrigin } = require('./origin');
+  const { startOrigin, ensureTestCerts } = require('./origin');
+  ensureTestCerts();  // before the addons: flume reads VELORA_CA_FILE once
   const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), prefix));
   process.env.VELORA_DATA_DIR = dataDir;
   process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');

@@ -5,6 +5,7 @@ const fs = require('node:fs');
 const { test } = require('node:test');
 const assert = require('node:assert/strict');
 const { inProcessSuite } = require('./helpers');
+const { TRANSPORTS } = require('./origin');
 
 const suite = inProcessSuite('velora-prefetch-');
 const { host, velora, events } = suite;
@@ -82,24 +83,32 @@ test('prefetches without callbacks or with malformed arguments still start', asy
   await until(() => events('removePrefetch').some((e) => e.fields && e.fields.id === ids[0] && e.fields.removed));
 });
 
-test('a page bound to the prefetch takes it over: one origin request, byte-exact body', async () => {
-  const url = suite.origin.url('/bytes/2000000?chunk=65536&delay=2&page=1');
-  const { seen, callbacks } = recorder();
-  const id = velora.prefetch({ url, method: 'GET', headers: [] }, callbacks);
-  await until(() => seen.some((e) => e.kind === 'data'));
-  const web = host.createWebComponent('takeover');
-  velora.webviewNativeInit({ webTag: 'takeover', prefetchId: id, prefetchUrl: url });
-  velora.webviewNativeAttach({ webTag: 'takeover' });
-  const res = await web.load({ url, mainFrame: true });
-  assert.equal(res.intercepted, true);
-  assert.equal(res.body.length, 2000000);
-  for (let i = 0; i < res.body.length; i += 99991) assert.equal(res.body[i], (i * 31 + 7) & 255);
-  assert.equal(await suite.origin.count('/bytes/2000000'), 1);
-  await until(() => seen.some((e) => e.kind === 'finish'));
-  const script = Buffer.concat(seen.filter((e) => e.kind === 'data').map((e) => Buffer.from(e.args[0])));
-  assert.ok(script.equals(res.body));
-  web.destroy();
-});
+for (const transport of TRANSPORTS) {
+  test(`a page bound to the prefetch takes it over: one origin request, byte-exact body, over ${transport}`, async () => {
+    const url = suite.origin.urlOver(transport, `/bytes/2000000?chunk=65536&delay=2&page=${transport}`);
+    const { seen, callbacks } = recorder();
+    const before = await suite.origin.count('/bytes/2000000');
+    const tlsBefore = await suite.origin.tls();
+    const id = velora.prefetch({ url, method: 'GET', headers: [] }, callbacks);
+    await until(() => seen.some((e) => e.kind === 'data'));
+    const tag = `takeover-${transport}`;
+    const web = host.createWebComponent(tag);
+    velora.webviewNativeInit({ webTag: tag, prefetchId: id, prefetchUrl: url });
+    velora.webviewNativeAttach({ webTag: tag });
+    const res = await web.load({ url, mainFrame: true });
+    assert.equal(res.intercepted, true);
+    assert.equal(res.body.length, 2000000);
+    for (let i = 0; i < res.body.length; i += 99991) assert.equal(res.body[i], (i * 31 + 7) & 255);
+    assert.equal(await suite.origin.count('/bytes/2000000'), before + 1);
+    await until(() => seen.some((e) => e.kind === 'finish'));
+    const script = Buffer.concat(seen.filter((e) => e.kind === 'data').map((e) => Buffer.from(e.args[0])));
+    assert.ok(script.equals(res.body));
+    // The page's next request rides the connection the prefetch opened.
+    assert.equal((await web.load({ url: suite.origin.urlOver(transport, '/bytes/10') })).body.length, 10);
+    if (transport !== 'http') assert.equal((await suite.origin.tls()).handshakes - tlsBefore.handshakes, 1);
+    web.destroy();
+  });
+}
 
 test('header lists are walked by their elements and bounded', async () => {
   const many = Array.from({ length: 32768 }, (_, i) => ({ key: `X-H${i}`, value: String(i) }));

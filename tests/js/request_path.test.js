@@ -6,6 +6,7 @@ const assert = require('node:assert/strict');
 const { spawnSync } = require('node:child_process');
 const path = require('node:path');
 const { inProcessSuite, BUILD } = require('./helpers');
+const { TRANSPORTS } = require('./origin');
 
 const suite = inProcessSuite('velora-path-');
 const { host, velora, events } = suite;
@@ -20,23 +21,58 @@ function bind(tag, extra = {}) {
 const SITE = ['/site/index.html', '/site/assets/style.css', '/site/assets/app.js',
   '/site/assets/logo.svg'];
 
-test('a bound page loads the site through Velora with the same bytes as the network', async () => {
-  const page = bind('site');
-  const direct = host.createWebComponent('direct');
-  for (const asset of SITE) {
-    const mainFrame = asset.endsWith('.html');
-    const through = await page.load({ url: suite.origin.url(asset), mainFrame });
-    const plain = await direct.load({ url: suite.origin.url(asset), mainFrame });
-    assert.equal(through.intercepted, true, asset);
-    assert.equal(plain.intercepted, false, asset);
-    assert.equal(through.status, 200);
-    assert.ok(through.body.equals(plain.body), asset);
-    assert.ok(through.timing.finish >= through.timing.start);
-  }
+for (const transport of TRANSPORTS) {
+  test(`a bound page loads the site through Velora with the same bytes as the network, over ${transport}`, async () => {
+    const page = bind(`site-${transport}`);
+    const direct = host.createWebComponent(`direct-${transport}`);
+    for (const asset of SITE) {
+      const mainFrame = asset.endsWith('.html');
+      const url = suite.origin.urlOver(transport, asset);
+      const through = await page.load({ url, mainFrame });
+      const plain = await direct.load({ url, mainFrame });
+      assert.equal(through.intercepted, true, asset);
+      assert.equal(plain.intercepted, false, asset);
+      assert.equal(through.status, 200);
+      assert.ok(through.body.equals(plain.body), asset);
+      assert.ok(through.timing.finish >= through.timing.start);
+    }
+    page.destroy();
+    direct.destroy();
+    const destroyed = events('nativeDestroy').find((e) => e.id === `site-${transport}`);
+    assert.equal(destroyed.fields.removed, true);
+  });
+}
+
+test('over HTTPS/2 a page and its engine share one connection for parallel requests', async () => {
+  const page = bind('h2-shared');
+  const direct = host.createWebComponent('h2-direct');
+  const before = await suite.origin.tls();
+  const urls = Array.from({ length: 50 }, (_, i) => suite.origin.urlOver('https_h2', `/delay?ms=30&size=${100 + i}`));
+  const loads = urls.map((url, i) => (i % 5 ? page : direct).load({ url }));
+  const results = await Promise.all(loads);
+  results.forEach((res, i) => assert.equal(res.body.length, 100 + i));
+  const after = await suite.origin.tls();
+  assert.equal(after.h2Streams - before.h2Streams, 50);
+  assert.ok(after.handshakes - before.handshakes <= 1, 'more than one handshake for one origin');
   page.destroy();
   direct.destroy();
-  const destroyed = events('nativeDestroy').find((e) => e.id === 'site');
-  assert.equal(destroyed.fields.removed, true);
+});
+
+test('servers a browser refuses fail a load once with no status, bound or not', async () => {
+  const page = bind('refusing');
+  const direct = host.createWebComponent('refusing-direct');
+  for (const fault of ['untrusted', 'selfSigned', 'expired', 'wrongHost', 'tls10']) {
+    for (const web of [page, direct]) {
+      let responses = 0;
+      const res = await web.load({ url: suite.origin.faultUrl(fault), onResponse: () => { responses += 1; } });
+      assert.equal(res.error, -2, fault);  // ARKWEB_ERR_FAILED
+      assert.equal(res.status, null, fault);
+      assert.equal(responses, 0, fault);
+    }
+  }
+  assert.equal((await suite.origin.tls()).refusedReached, 0);
+  page.destroy();
+  direct.destroy();
 });
 
 test('body pieces reach onData in order as they arrive, and stay as they came', async () => {
@@ -60,24 +96,28 @@ test('body pieces reach onData in order as they arrive, and stay as they came', 
   page.destroy();
 });
 
-test('uploads from script arrive byte-exact, sized, chunked and empty; an unreadable one never goes out', async () => {
-  const page = bind('upload');
-  const body = Buffer.alloc(100000);
-  for (let i = 0; i < body.length; i++) body[i] = (i * 7) & 255;
-  for (const chunked of [false, true]) {
-    const res = await page.load({ url: suite.origin.url('/echo?raw=1'), method: 'POST', body, chunked });
-    assert.equal(res.intercepted, true);
-    assert.ok(res.body.equals(body), `chunked=${chunked}`);
-  }
-  const empty = await page.load({ url: suite.origin.url('/echo'), method: 'POST', body: Buffer.alloc(0) });
-  assert.equal(JSON.parse(empty.body).length, 0);
-  const sent = await suite.origin.count('/echo');
-  const unreadable = await page.load({ url: suite.origin.url('/echo'), method: 'POST', body: 'x',
-    bodyInitError: -6 /* ARKWEB_ERR_FILE_NOT_FOUND */ });
-  assert.equal(unreadable.error, -2);  // ARKWEB_ERR_FAILED
-  assert.equal(await suite.origin.count('/echo'), sent);
-  page.destroy();
-});
+for (const transport of TRANSPORTS) {
+  test(`uploads from script arrive byte-exact, sized, chunked and empty; an unreadable one never goes out, over ${transport}`, async () => {
+    const page = bind(`upload-${transport}`);
+    const at = (p) => suite.origin.urlOver(transport, p);
+    const body = Buffer.alloc(100000);
+    for (let i = 0; i < body.length; i++) body[i] = (i * 7) & 255;
+    for (const chunked of [false, true]) {
+      const res = await page.load({ url: at('/echo?raw=1'), method: 'POST', body, chunked });
+      assert.equal(res.intercepted, true);
+      assert.ok(res.body.equals(body), `chunked=${chunked}`);
+    }
+    const empty = await page.load({ url: at('/echo'), method: 'POST', body: Buffer.alloc(0) });
+    assert.equal(JSON.parse(empty.body).length, 0);
+    const sent = await suite.origin.count('/echo');
+    const unreadable = await page.load({ url: at('/echo'), method: 'POST', body: 'x',
+      bodyInitError: -6 /* ARKWEB_ERR_FILE_NOT_FOUND */ });
+    assert.equal(unreadable.error, -2);  // ARKWEB_ERR_FAILED
+    assert.equal(unreadable.status, null);
+    assert.equal(await suite.origin.count('/echo'), sent);
+    page.destroy();
+  });
+}
 
 test('a page navigating away mid-body ends the load, and the switch declines silently', async () => {
   const page = bind('cancel');

@@ -5,6 +5,7 @@ const { test } = require('node:test');
 const assert = require('node:assert/strict');
 const path = require('node:path');
 const { inProcessSuite, BUILD } = require('./helpers');
+const { TRANSPORTS } = require('./origin');
 const { fccFirstChunk, fccRest } = require('../origin/server');
 
 const suite = inProcessSuite('velora-ssr-');
@@ -15,7 +16,7 @@ const { host, velora, events } = suite;
 let ready = false;
 function bind(tag) {
   if (!ready) {
-    process.env.VELORA_SSR_RULES = suite.origin.url('/fcc/');
+    process.env.VELORA_SSR_RULES = TRANSPORTS.map((t) => suite.origin.urlOver(t, '/fcc/')).join(',');
     assert.equal(host.loadAbility(path.join(BUILD, 'velora.node'), 'SSRAbility'), true);
     ready = true;
   }
@@ -28,27 +29,30 @@ function bind(tag) {
 const header = (res, name) => res.headers.filter(([n]) => n.toLowerCase() === name).map(([, v]) => v);
 const page = (name, version = '1') => fccFirstChunk(name, version) + fccRest(name, 2048);
 
-test('with the switch on, the second visit starts from the stored chunk', async () => {
-  velora.setFccEnable(true);
-  const web = bind('fcc-visits');
-  const url = suite.origin.url('/fcc/visits?wait=100');
-  const first = await web.load({ url });
-  assert.equal(first.body.toString(), page('visits'));
-  assert.deepEqual(header(first, 'x-first-chunk-cache'), []);
+for (const transport of TRANSPORTS) {
+  test(`with the switch on, the second visit starts from the stored chunk, over ${transport}`, async () => {
+    velora.setFccEnable(true);
+    const web = bind(`fcc-visits-${transport}`);
+    const url = suite.origin.urlOver(transport, `/fcc/visits?wait=100&over=${transport}`);
+    const handled = () => events('request').filter((e) => e.tag === 'Velora/first_chunk_handler' &&
+      e.id.startsWith(`[fcc-visits-${transport}|`)).map((e) => e.fields.useFirstChunkCache);
+    const first = await web.load({ url });
+    assert.equal(first.body.toString(), page('visits'));
+    assert.deepEqual(header(first, 'x-first-chunk-cache'), []);
 
-  const pieces = [];
-  const second = await web.load({ url, onData: (chunk) => pieces.push(Buffer.from(chunk)) });
-  assert.equal(second.body.toString(), page('visits'));
-  assert.deepEqual(header(second, 'x-first-chunk-cache'), ['true']);
-  assert.equal(pieces[0].toString(), fccFirstChunk('visits', '1'));
-  assert.deepEqual(events('request').filter((e) => e.tag === 'Velora/first_chunk_handler')
-    .map((e) => e.fields.useFirstChunkCache), [false, true]);
+    const pieces = [];
+    const second = await web.load({ url, onData: (chunk) => pieces.push(Buffer.from(chunk)) });
+    assert.equal(second.body.toString(), page('visits'));
+    assert.deepEqual(header(second, 'x-first-chunk-cache'), ['true']);
+    assert.equal(pieces[0].toString(), fccFirstChunk('visits', '1'));
+    assert.deepEqual(handled(), [false, true]);
 
-  velora.setFccEnable(false);
-  const off = await web.load({ url });
-  assert.deepEqual(header(off, 'x-first-chunk-cache'), []);
-  web.destroy();
-});
+    velora.setFccEnable(false);
+    const off = await web.load({ url });
+    assert.deepEqual(header(off, 'x-first-chunk-cache'), []);
+    web.destroy();
+  });
+}
 
 test('the SSR ability sets, serves, removes and preloads first chunks', async () => {
   velora.setFccEnable(true);
