@@ -206,3 +206,36 @@ TEST(FlumeTls, CancellingAStreamStopsItsSenderAndSparesTheOtherStreams) {
   std::this_thread::sleep_for(std::chrono::milliseconds(800));
   EXPECT_LT(origin.sentBytes("/bytes/209715200") - atCancel, 2 << 20);
 }
+
+// An upload the server never processed cannot be sent again (its body is a
+// stream already read): it fails once, and the processed ones succeed.
+TEST(FlumeTls, AGoawayFailsTheUploadsTheServerDidNotProcess) {
+  OriginServer origin(Transport::kHttpsH2);
+  std::vector<std::future<FetchResult>> pending;
+  for (int i = 0; i < 4; ++i) {
+    pending.push_back(std::async(std::launch::async, [&origin] {
+      auto request = flume::FLHttpRequest::create(origin.url("/hold?group=up&n=4&goaway=2"));
+      request->setMethod("POST");
+      auto body = flume::FLDataStream::create();
+      request->setBodyStream(body);
+      static char text[] = "uploaded";
+      body->write(text, sizeof text - 1, true);
+      return fetch(request);
+    }));
+  }
+  int answered = 0, failed = 0;
+  for (auto& each : pending) {
+    FetchResult result = each.get();
+    EXPECT_EQ(std::count(result.events.begin(), result.events.end(), 'E') +
+                  std::count(result.events.begin(), result.events.end(), 'F'),
+              1);
+    if (result.errorCode == 0 && result.body == "held up")
+      ++answered;
+    else if (result.errorCode != 0)
+      ++failed;
+  }
+  nlohmann::json group = nlohmann::json::parse(fetch(origin.httpUrl("/__hold?group=up")).body);
+  EXPECT_EQ(answered, 2);
+  EXPECT_EQ(failed, 2);
+  EXPECT_EQ(group["arrived"].get<int>(), 4) << "an unprocessed upload was sent again";
+}
