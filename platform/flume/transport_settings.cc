@@ -32,6 +32,12 @@ bool isAddress(const std::string& text) {
          inet_pton(AF_INET6, text.c_str(), bytes) == 1;
 }
 
+std::string trimmed(const std::string& text) {
+  size_t start = text.find_first_not_of(" \t");
+  size_t end = text.find_last_not_of(" \t");
+  return start == std::string::npos ? std::string() : text.substr(start, end - start + 1);
+}
+
 std::string lower(std::string text) {
   for (char& c : text)
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -91,8 +97,8 @@ HostMap::HostMap(const std::string& spec) {
     if (entry.empty())
       continue;
     size_t equals = entry.find('=');
-    std::string name = lower(entry.substr(0, equals));
-    std::string address = equals == std::string::npos ? "" : entry.substr(equals + 1);
+    std::string name = lower(trimmed(entry.substr(0, equals)));
+    std::string address = equals == std::string::npos ? "" : trimmed(entry.substr(equals + 1));
     std::string bare = name.compare(0, 2, "*.") == 0 ? name.substr(2) : name;
     if (!isHostName(bare) || !isAddress(address)) {
       OH_LOG_Print(LOG_APP, LOG_ERROR, 0, kTag,

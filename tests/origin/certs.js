@@ -7,7 +7,8 @@
 //
 // In DIR:
 //   ca.pem                 the run's root; VELORA_CA_FILE points at it
-//   leaf.pem, leaf.key     signed by the root for localhost, *.test, 127.0.0.1 and ::1
+//   leaf.pem, leaf.key     signed by the root for localhost, harbor.test, *.harbor.test,
+//                          *.velora.test, 127.0.0.1 and ::1
 //   untrusted.pem/.key     a good-looking leaf signed by a root nobody trusts
 //   self-signed.pem/.key   a leaf that signs itself
 //   expired.pem/.key       signed by the run's root, expired a day before it was made
@@ -16,7 +17,8 @@ const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
 
-const HOSTS = 'DNS:localhost,DNS:*.test,IP:127.0.0.1,IP:::1';
+// A wildcard covers one label under at least two ("*.test" would cover nothing).
+const HOSTS = 'DNS:localhost,DNS:harbor.test,DNS:*.harbor.test,DNS:*.velora.test,IP:127.0.0.1,IP:::1';
 
 function openssl(dir, args) {
   // The sanitizer runtime a test suite preloads has no business in openssl.

@@ -10,6 +10,7 @@
 
 #include "flume/flume.h"
 #include "flume/host_config.h"
+#include "flume/transport_settings.h"
 #include "origin_server.h"
 #include "test_support.h"
 
@@ -238,4 +239,43 @@ TEST(FlumeTls, AGoawayFailsTheUploadsTheServerDidNotProcess) {
   EXPECT_EQ(answered, 2);
   EXPECT_EQ(failed, 2);
   EXPECT_EQ(group["arrived"].get<int>(), 4) << "an unprocessed upload was sent again";
+}
+
+// Fetches VELORA_TEST_TARGET on a fresh session: 0 for the pattern body, 2
+// for a certificate refused, 1 otherwise.
+VELORA_CHILD(FetchTarget) {
+  FetchResult result = fetch(std::getenv("VELORA_TEST_TARGET"));
+  if (result.status == 200 && result.body == patternBytes(0, 10))
+    return 0;
+  return result.errorMessage.find("certificate") != std::string::npos ? 2 : 1;
+}
+
+TEST(FlumeTls, OnlyTheRootsFileAddsTrustAndMappedNamesNeedNoDns) {
+  OriginServer origin(Transport::kHttpsH2);
+  const std::string url = origin.url("/bytes/10");
+  using velora_test::runChild;
+  // The system store alone does not know the run's root; a roots file that
+  // cannot be read adds nothing.
+  EXPECT_EQ(runChild("FetchTarget", {{"VELORA_TEST_TARGET", url}, {"VELORA_CA_FILE", ""}}), 2);
+  EXPECT_EQ(runChild("FetchTarget",
+                     {{"VELORA_TEST_TARGET", url}, {"VELORA_CA_FILE", "/nonexistent/roots.pem"}}),
+            2);
+  EXPECT_EQ(runChild("FetchTarget", {{"VELORA_TEST_TARGET", url}}), 0);
+  // A name under .test, answered by the mapping; the certificate covers it.
+  const std::string named = "https://shop.velora.test:" + std::to_string(origin.port()) + "/bytes/10";
+  EXPECT_EQ(runChild("FetchTarget",
+                     {{"VELORA_TEST_TARGET", named},
+                      {"VELORA_RESOLVE", "not an entry,x=not-an-address,*.test=127.0.0.1"}}),
+            0);
+}
+
+TEST(FlumeHostMap, MatchesNamesAndSuffixesWithoutCaseAndIgnoresBadEntries) {
+  flume::HostMap map("api.example=10.0.0.1, *.Test=127.0.0.1,bad,x=300.1.1.1,y=::1,*.=1.2.3.4");
+  EXPECT_EQ(map.addressOf("API.example"), "10.0.0.1");
+  EXPECT_EQ(map.addressOf("www.example"), "");
+  EXPECT_EQ(map.addressOf("news.harbor.test"), "127.0.0.1");
+  EXPECT_EQ(map.addressOf("test"), "") << "the suffix alone is no name under it";
+  EXPECT_EQ(map.addressOf("evil-test"), "");
+  EXPECT_EQ(map.addressOf("y"), "::1");
+  EXPECT_EQ(map.addressOf("x"), "");
 }
