@@ -211,13 +211,12 @@ class SessionCore {
     thread_ = std::thread([this] { loop(); });
   }
 
+  // The multi and share handles stay, like the transfers left at shutdown:
+  // they hold those transfers' connections.
   ~SessionCore() {
     shutdown();
     curl_slist_free_all(expectOnly_);
   }
-
-  // Its handles stay reachable after shutdown, so the multi and share
-  // handles are never cleaned up either.
 
   // Stops the event thread for good; transfers still running are dropped
   // without events (their listeners may belong to objects already gone) and
