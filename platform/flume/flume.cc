@@ -30,6 +30,12 @@ constexpr size_t kUsualFieldCount = 16;
 // Connections to one host at once, as browsers keep them; later requests to
 // that host wait for one to free up.
 constexpr long kMaxHostConnections = 6;
+// Connections kept open after use, to any hosts. libcurl's own limit, four
+// per transfer under way, closed them as soon as a burst of requests ended,
+// and the next requests to those hosts paid a TLS handshake each: a full
+// one for HTTP/2, as libcurl 7.88 closes an HTTP/2 connection without the
+// TLS close that would keep its session resumable.
+constexpr long kMaxKeptConnections = 64;
 
 long envMs(const char* name, long fallback) {
   std::string text = host::envOr(name, "");
@@ -212,6 +218,7 @@ class SessionCore {
     multi_ = curl_multi_init();
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxKeptConnections);
     // Connections already live in the multi handle; TLS sessions and DNS
     // answers are shared here so a new connection to a known server resumes
     // its session. Used by the event thread alone: no locks.
