@@ -593,7 +593,7 @@ int main(int argc, char** argv) {
     std::printf(" per 1 KiB request\n");
     for (Wire wire : kWires) {
       for (bool velora : {false, true})
-        count(variantName("small", wire, velora), "--small", 200, 600, 400);
+        count(variantName("small", wire, velora), "--small", 200, 2000, 1800);
     }
   }
   return 0;
