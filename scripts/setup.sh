@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 packages=(
   build-essential cmake ninja-build pkg-config
   libcurl4-openssl-dev libssl-dev openssl libsqlite3-dev liburiparser-dev libzip-dev zlib1g-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libnghttp2-dev
   sqlite3 zip valgrind clang libclang-rt-14-dev curl
   chromium  # the main job and its end-to-end test load pages in it
 )
