@@ -290,15 +290,15 @@ function handle(req, res) {
     case 'reset': {
       const after = num('after', 1000);
       res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': after * 10 });
-      res.write(pattern(0, after));
-      return setTimeout(() => dropConnection(req), 50);
+      return res.write(pattern(0, after), () => setTimeout(() => dropConnection(req), 50));
     }
     case 'rst': {
       const after = num('after', 1000);
       res.writeHead(200, { 'Content-Type': 'application/octet-stream', 'Content-Length': after * 10 });
-      res.write(pattern(0, after));
-      return setTimeout(() => (req.stream ? req.stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR)
-        : dropConnection(req)), 50);
+      // Reset once the bytes have left: a stream closed with data still
+      // queued would drop it.
+      return res.write(pattern(0, after), () => setTimeout(() => (req.stream
+        ? req.stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR) : dropConnection(req)), 50));
     }
     case 'hold':
       return hold(req, res, q);
