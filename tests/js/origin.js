@@ -1,7 +1,7 @@
 'use strict';
 // Starts a server script as a child process and hands back its address. The
-// script prints {"port": N} as its first stdout line and stops when its
-// stdin closes.
+// script prints {"port": N, ...} as its first stdout line (every field of it
+// is handed back) and stops when its stdin closes.
 const { spawn } = require('node:child_process');
 const path = require('node:path');
 
@@ -13,7 +13,7 @@ function startServer(script, args = []) {
       text += piece;
       const newline = text.indexOf('\n');
       if (newline >= 0) {
-        resolve({ port: JSON.parse(text.slice(0, newline)).port, stop: () => child.stdin.end() });
+        resolve({ ...JSON.parse(text.slice(0, newline)), stop: () => child.stdin.end() });
       }
     });
     child.once('exit', (code) => reject(new Error(`${path.basename(script)} exited with ${code}`)));
@@ -21,12 +21,15 @@ function startServer(script, args = []) {
 }
 
 // The local origin every test and the host-engine demo talk to
-// (tests/origin/server.js).
+// (tests/origin/server.js). It serves HTTPS too (httpsPort) when
+// VELORA_TEST_CERTS names a folder of certificates.
 async function startOrigin() {
   const server = await startServer(path.join(__dirname, '..', 'origin', 'server.js'));
   const url = (p) => `http://127.0.0.1:${server.port}${p}`;
   return {
     port: server.port,
+    httpsPort: server.httpsPort,  // HTTP/2 and HTTP/1.1
+    https1Port: server.https1Port,  // HTTP/1.1 alone
     url,
     async count(p) {
       const res = await fetch(url(`/__count?path=${encodeURIComponent(p)}`));
