@@ -6,7 +6,8 @@ const { execFileSync, spawn } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
-const { buildSite, PAGE_PATH } = require('./news_site.js');
+const { buildSite, PAGE_PATH, HOSTS } = require('./news_site.js');
+const { makeSiteCerts } = require('./site_certs.js');
 const { startServer } = require('../tests/js/origin.js');
 
 const SCENARIOS = [
@@ -18,20 +19,16 @@ const SCENARIOS = [
   { name: 'combined', velora: true, package: true, prefetch: true, firstChunk: true },
 ];
 
-function startSite(siteDir, opts) {
-  return startServer(path.join(__dirname, 'site_server.js'), ['--site', siteDir, '--rtt', String(opts.rtt),
-    '--kbps', String(opts.kbps), '--render', String(opts.render)]);
+function startSite(siteDir, opts, certs) {
+  const args = ['--site', siteDir, '--rtt', String(opts.rtt), '--kbps', String(opts.kbps),
+    '--render', String(opts.render)];
+  if (certs) args.push('--cert', certs.cert, '--key', certs.key);
+  return startServer(path.join(__dirname, 'site_server.js'), args);
 }
 
-// Runs one scenario in a child process; its result, or { failed } with why.
-function runScenario(scenario, setup, screenshot) {
-  const dataDir = fs.mkdtempSync(path.join(setup.workDir, 'run-'));
-  const env = { ...process.env, VELORA_DATA_DIR: dataDir, VELORA_LOG: path.join(dataDir, 'log.jsonl'),
-    VELORA_HILOG: path.join(dataDir, 'hilog.txt'), VELORA_STATS: path.join(dataDir, 'stats.jsonl'),
-    VELORA_PACKAGES_DIR: scenario.package ? setup.packages : setup.noPackages,
-    VELORA_SSR_RULES: `${setup.origin}/news/` };
-  const input = { scenario, pageUrl: setup.pageUrl, prefetchLeadMs: setup.prefetchLeadMs, screenshot,
-    build: setup.build };
+// Runs scenario.js once in a child process with `input`; its result, or
+// { failed } with why.
+function runChild(input, env) {
   return new Promise((resolve) => {
     const child = spawn(process.execPath, [path.join(__dirname, 'scenario.js'), JSON.stringify(input)],
       { env, stdio: ['ignore', 'pipe', 'pipe'] });
@@ -50,10 +47,43 @@ function runScenario(scenario, setup, screenshot) {
         if (code !== 0) throw new Error(`exit ${code}`);
         resolve(JSON.parse(out.trim().split('\n').pop()));
       } catch (error) {
-        resolve({ scenario: scenario.name, failed: `${error.message}\n${err.slice(-2000)}` });
+        resolve({ scenario: input.scenario.name, failed: `${error.message}\n${err.slice(-2000)}` });
       }
     });
   });
+}
+
+// What the origins counted between two /__stats answers: per origin, the
+// connections opened and the requests per HTTP version.
+function statsDelta(before, after) {
+  const delta = {};
+  for (const [name, counts] of Object.entries(after.origins)) {
+    delta[name] = Object.fromEntries(Object.entries(counts).map(([key, n]) => [key, n - before.origins[name][key]]));
+  }
+  return delta;
+}
+
+// Runs one scenario; its result, or { failed } with why. The visit that
+// stores the first chunk runs in a process of its own before the measured
+// one, as in an earlier session of the app: the measured visit opens its
+// own connections, and pays for them, as every other scenario does.
+async function runScenario(scenario, setup, screenshot) {
+  const dataDir = fs.mkdtempSync(path.join(setup.workDir, 'run-'));
+  const env = { ...process.env, VELORA_DATA_DIR: dataDir, VELORA_LOG: path.join(dataDir, 'log.jsonl'),
+    VELORA_HILOG: path.join(dataDir, 'hilog.txt'), VELORA_STATS: path.join(dataDir, 'stats.jsonl'),
+    VELORA_PACKAGES_DIR: scenario.package ? setup.packages : setup.noPackages,
+    VELORA_SSR_RULES: `${setup.origins.page}/news/`, VELORA_RESOLVE: setup.resolve };
+  if (setup.certs) env.VELORA_CA_FILE = setup.certs.ca;
+  const input = { scenario, pageUrl: setup.pageUrl, prefetchLeadMs: setup.prefetchLeadMs, screenshot,
+    build: setup.build, front: { names: setup.names, tls: setup.certs } };
+  if (scenario.firstChunk) {
+    const first = await runChild({ ...input, screenshot: undefined, firstVisit: true }, env);
+    if (first.failed) return { scenario: scenario.name, failed: `first visit: ${first.failed}` };
+  }
+  const before = await setup.stats();
+  const run = await runChild(input, env);
+  if (!run.failed) run.origins = statsDelta(before, await setup.stats());
+  return run;
 }
 
 // What the page must show when it loaded right.
@@ -67,28 +97,40 @@ function checkPage(run) {
   return null;
 }
 
-// Builds the site into a fresh folder, starts its origin and packages its
-// static folder. `conditions`: { rtt, kbps, render, prefetchLeadMs }.
+// Builds the site into a fresh folder, starts its origins and packages its
+// static folder. `conditions`: { rtt, kbps, render, prefetchLeadMs, transport }:
+// 'https' (the default; certificates made for the run) or 'http'.
 async function prepareSite(build, conditions) {
   const workDir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-demo-'));
-  buildSite(workDir);
   let site;
   try {
-    site = await startSite(workDir, conditions);
-    const origin = `http://localhost:${site.port}`;
-    const setup = { build, workDir, origin, pageUrl: `${origin}${PAGE_PATH}`,
+    buildSite(workDir);
+    const transport = conditions.transport || 'https';
+    if (transport !== 'https' && transport !== 'http') throw new Error(`no transport ${transport}`);
+    const certs = transport === 'https' ? makeSiteCerts(path.join(workDir, 'certs')) : null;
+    site = await startSite(workDir, conditions, certs);
+    const { origins } = site;
+    const control = `http://127.0.0.1:${site.port}`;
+    const names = Object.values(HOSTS);
+    const setup = { build, workDir, transport, origins, pageUrl: `${origins.page}${PAGE_PATH}`, certs, names,
+      // The host libraries find the site's names here, not in DNS.
+      resolve: names.map((name) => `${name}=127.0.0.1`).join(','),
       prefetchLeadMs: conditions.prefetchLeadMs, packages: path.join(workDir, 'packages'),
       noPackages: path.join(workDir, 'no-packages') };
     fs.mkdirSync(setup.noPackages);
-    // The site's static folder as the app team would ship it.
+    // The site's static folder as the app team would ship it, with the
+    // header the static origin sends so that the page may time its files.
     const pack = path.join(build, 'velora-pack');
     const zip = path.join(workDir, 'harbor-static.zip');
-    execFileSync(pack, ['build', path.join(workDir, 'static'), `${origin}/static`, zip, '--id',
-      'harbor-static', '--version', '1.0.0'], { stdio: 'ignore' });
+    execFileSync(pack, ['build', path.join(workDir, 'static'), `${origins.static}/static`, zip, '--id',
+      'harbor-static', '--version', '1.0.0', '--header', `Timing-Allow-Origin: ${origins.page}`],
+    { stdio: 'ignore' });
     execFileSync(pack, ['install', zip], { stdio: 'ignore', env: { ...process.env,
       VELORA_PACKAGES_DIR: setup.packages, VELORA_DATA_DIR: workDir,
       VELORA_HILOG: path.join(workDir, 'hilog.txt') } });
-    setup.count = async (p) => (await (await fetch(`${origin}/__count?path=${encodeURIComponent(p)}`)).json()).count;
+    const ask = async (p) => (await fetch(`${control}${p}`)).json();
+    setup.count = async (p) => (await ask(`/__count?path=${encodeURIComponent(p)}`)).count;
+    setup.stats = () => ask('/__stats');
     setup.stop = () => {
       site.stop();
       fs.rmSync(workDir, { recursive: true, force: true });

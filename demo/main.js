@@ -6,9 +6,11 @@
 // before navigation, from the stored first chunk (a second visit), and with
 // all of them. Prints the medians and per request where it was answered
 // from; writes report.json, a screenshot per scenario and a waterfall.
+// The site's three origins speak HTTPS with HTTP/2; --http serves them in
+// cleartext HTTP/1.1 instead, for comparison.
 //
 //   node demo/main.js [--rtt 80] [--kbps 10000] [--render 400] [--runs 5]
-//                     [--prefetch-lead 300] [--out build/demo-report]
+//                     [--prefetch-lead 300] [--http] [--out build/demo-report]
 //
 // Without a Chromium that starts it says why and runs the host-engine job
 // instead.
@@ -35,8 +37,14 @@ function options() {
     if (name === '--kbps' && n === 0) throw new Error('--kbps must be above 0');
     return n;
   };
+  const withValue = new Set(['--rtt', '--kbps', '--render', '--runs', '--prefetch-lead', '--out']);
+  for (let i = 0; i < args.length; i++) {
+    if (withValue.has(args[i])) i++;
+    else if (args[i] !== '--http') throw new Error(`unknown option ${args[i]}`);
+  }
   return { rtt: number('--rtt', 80), kbps: number('--kbps', 10000), render: number('--render', 400),
     runs: Math.max(1, Math.round(number('--runs', 5))), prefetchLeadMs: number('--prefetch-lead', 300),
+    transport: args.includes('--http') ? 'http' : 'https',
     out: path.resolve(value('--out', path.join(BUILD, 'demo-report'))) };
 }
 
@@ -48,6 +56,18 @@ const median = (values) => {
 };
 const ms = (value) => (value === null ? '-' : String(Math.round(value)));
 const pad = (columns, widths) => columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
+
+const TRANSPORTS = { https: 'HTTPS (HTTP/2, TLS 1.3)', http: 'cleartext HTTP/1.1' };
+
+// How the site was reached, for the report.
+function transportOf(setup, opts) {
+  const https = setup.transport === 'https';
+  return { scheme: setup.transport, origins: setup.origins,
+    engineToSite: https ? 'HTTP/2 (HTTP/1.1 offered too), TLS 1.3' : 'HTTP/1.1',
+    browserToFront: https ? 'CONNECT tunnels, TLS ended at the front, HTTP/2' : 'HTTP/1.1 proxy requests',
+    newConnectionMs: (https ? 2 : 1) * opts.rtt,
+    newConnection: https ? 'one RTT for TCP, one for TLS 1.3' : 'one RTT for TCP' };
+}
 
 // The run whose FCP is the median one stands for its scenario in the
 // per-request table and the waterfall.
@@ -89,8 +109,9 @@ async function main() {
   fs.mkdirSync(opts.out, { recursive: true });
   const setup = await prepareSite(BUILD, opts);
   try {
-    const title = `Harbor News in Chromium: RTT ${opts.rtt} ms, ${opts.kbps / 1000} Mbit/s, server render ` +
-      `${opts.render} ms, prefetch started ${opts.prefetchLeadMs} ms before navigation`;
+    const title = `Harbor News in Chromium over ${TRANSPORTS[opts.transport]}: RTT ${opts.rtt} ms, ` +
+      `${opts.kbps / 1000} Mbit/s, server render ${opts.render} ms, prefetch started ` +
+      `${opts.prefetchLeadMs} ms before navigation`;
     console.log(`${title}\n${opts.runs} runs per scenario, interleaved; load average ` +
       `${os.loadavg().map((l) => l.toFixed(2)).join(' ')}\n`);
     const runs = new Map(SCENARIOS.map((s) => [s.name, []]));
@@ -137,7 +158,8 @@ async function main() {
     }
 
     const report = { title, conditions: { rttMs: opts.rtt, kbps: opts.kbps, renderMs: opts.render,
-      prefetchLeadMs: opts.prefetchLeadMs, runs: opts.runs }, loadAverage: os.loadavg(),
+      prefetchLeadMs: opts.prefetchLeadMs, runs: opts.runs }, transport: transportOf(setup, opts),
+    loadAverage: os.loadavg(),
     chromium: execFileSync(CHROMIUM, ['--version'], { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] }).trim(),
     scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
     fs.writeFileSync(path.join(opts.out, 'report.json'), `${JSON.stringify(report, null, 2)}\n`);

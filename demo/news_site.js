@@ -1,8 +1,10 @@
 'use strict';
 // Harbor News, the demo site: a server-rendered article page with a
-// stylesheet, two scripts, five images and a JSON call, about 350 KiB in all.
-// The hand-written files live in demo/site/static; the images and the
-// vendor script are generated here, the same bytes on every run.
+// stylesheet, two scripts, five images and a JSON call, about 350 KiB in all,
+// from three origins as a news site has them: the page's own, one for static
+// files and one for the API (HOSTS; the ports are chosen per run). The
+// hand-written files live in demo/site/static; the images and the vendor
+// script are generated here, the same bytes on every run.
 const fs = require('node:fs');
 const path = require('node:path');
 const zlib = require('node:zlib');
@@ -11,6 +13,8 @@ const STATIC_SOURCE = path.join(__dirname, 'site', 'static');
 const PAGE_PATH = '/news/harbor-lights';
 const MARKER = '<div><!--fcc--></div>';
 const PAGE_VERSION = '3';
+// Host names of the three origins; .test never resolves on the internet.
+const HOSTS = { page: 'news.harbor.test', static: 'static.harbor.test', api: 'api.harbor.test' };
 
 // Deterministic pseudo-random numbers (mulberry32).
 function random(seed) {
@@ -123,20 +127,24 @@ function buildSite(dir) {
 }
 
 // The part of the page that does not depend on the request: head and
-// masthead, ending in the first-chunk marker.
-function firstChunk() {
+// masthead, ending in the first-chunk marker. `origins`: { static, api },
+// each "scheme://host:port"; the page script finds the API in data-api.
+function firstChunk(origins) {
+  const assets = `${origins.static}/static`;
   return '<!DOCTYPE html><html lang="en"><head><meta charset="utf-8">' +
     '<meta name="viewport" content="width=device-width,initial-scale=1">' +
     '<title>Harbor Lights — Harbor News</title><link rel="icon" href="data:,">' +
-    '<link rel="stylesheet" href="/static/site.css">' +
-    '<script src="/static/vendor.js" defer></script><script src="/static/app.js" defer></script>' +
-    '</head><body><header class="masthead"><div class="brand">Harbor<span>News</span></div>' +
+    `<link rel="stylesheet" href="${assets}/site.css">` +
+    `<script src="${assets}/vendor.js" defer></script><script src="${assets}/app.js" defer></script>` +
+    `</head><body data-api="${origins.api}"><header class="masthead">` +
+    '<div class="brand">Harbor<span>News</span></div>' +
     '<nav><a href="#">Local</a><a href="#">Maritime</a><a href="#">Culture</a><a href="#">Sport</a></nav>' +
     `<div class="date">Edition ${PAGE_VERSION}</div></header>${MARKER}`;
 }
 
 // What the server renders per request.
-function renderedRest() {
+function renderedRest(origins) {
+  const assets = `${origins.static}/static`;
   const paragraphs = [
     'The harbour lights came back on at dusk for the first time in three winters, after the ' +
       'port authority finished rewiring the breakwater and the old signal tower.',
@@ -146,10 +154,10 @@ function renderedRest() {
       'water, the ferry crew sounded the horn and the fishermen answered from the market steps.',
   ];
   const cards = CARDS.map(([title, text], i) => '<article class="card">' +
-    `<img src="/static/img/card-${i + 1}.png" width="240" height="147" alt="">` +
+    `<img src="${assets}/img/card-${i + 1}.png" width="240" height="147" alt="">` +
     `<h3>${title}</h3><p>${text}</p></article>`).join('');
   return '<main><article class="lead">' +
-    '<img class="hero" src="/static/img/hero.png" width="800" height="336" alt="The harbour at dusk">' +
+    `<img class="hero" src="${assets}/img/hero.png" width="800" height="336" alt="The harbour at dusk">` +
     '<h1 id="headline">Harbour lights return after three dark winters</h1>' +
     '<p class="standfirst">The breakwater and the signal tower are lit again, ' +
     'rewired for a fraction of the power.</p><p class="byline">By the harbour desk</p>' +
@@ -171,4 +179,4 @@ function comments() {
   };
 }
 
-module.exports = { buildSite, firstChunk, renderedRest, comments, PAGE_PATH, PAGE_VERSION, MARKER };
+module.exports = { buildSite, firstChunk, renderedRest, comments, PAGE_PATH, PAGE_VERSION, MARKER, HOSTS };

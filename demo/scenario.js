@@ -1,14 +1,16 @@
 'use strict';
 // One measured visit of the demo page in Chromium, in a process of its own so
-// that the module's state, data folder and packages start fresh as in a
+// that the module's state, connections and packages start fresh as in a
 // newly started app. Every request of the page goes through the browser
 // front into a web component: bound to Velora, or not bound for the direct
 // scenario.
 //
-//   node demo/scenario.js '{"scenario": {...}, "pageUrl": ..., "dataDir": ..., ...}'
+//   node demo/scenario.js '{"scenario": {...}, "pageUrl": ..., "front": {"names", "tls"}, ...}'
 //
 // Prints the result as one JSON line: the page's paint and load times, and
-// per request where it was answered from and its time to first byte.
+// per request where it was answered from and its time to first byte. With
+// "firstVisit": true it visits the page once unmeasured, as an earlier
+// session of the app did, and returns once the first chunk is stored.
 const fs = require('node:fs');
 const path = require('node:path');
 const { visit, launchBrowser } = require('./browser.js');
@@ -40,12 +42,22 @@ function sourceOf(record, log) {
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
+// Waits until the module logged that it stored the page's first chunk.
+async function firstChunkStored(logFile) {
+  for (let i = 0; i < 500; i++) {
+    if (readLog(logFile, 0).some((entry) => entry.tag === 'Velora/first_chunk_storage' &&
+      entry.event === 'write' && entry.fields && entry.fields.result === true)) return true;
+    await sleep(10);
+  }
+  return false;
+}
+
 async function run(options) {
   const { scenario, pageUrl } = options;
   const build = path.resolve(ROOT, options.build || 'build');
   const velora = require(path.join(build, 'velora.node'));
   const host = require(path.join(build, 'arkweb_host.node'));
-  const { startBrowserFront } = require(path.join(ROOT, 'tools', 'browser_front.js'));
+  const { startBrowserFront, spkiHash } = require(path.join(ROOT, 'tools', 'browser_front.js'));
 
   velora.sdkInit({ appTag: 'harbor', appVersion: '1.0.0', isDebug: false });
   velora.setClientInfo({ displayWith: 1100, displayHeight: 860, safeAreaHeight: 0, deviceRatio: 1,
@@ -55,7 +67,10 @@ async function run(options) {
 
   let component = null;
   const records = [];
-  const front = await startBrowserFront({ component: () => component, onRequest: (r) => records.push(r) });
+  const given = options.front || {};
+  const tls = given.tls ? { cert: fs.readFileSync(given.tls.cert), key: fs.readFileSync(given.tls.key) } : null;
+  const front = await startBrowserFront({ component: () => component, onRequest: (r) => records.push(r),
+    names: given.names || [], tls });
   let browser = null;
   const bind = (tag, prefetchId = '', prefetchUrl = '') => {
     const web = host.createWebComponent(tag);
@@ -66,16 +81,17 @@ async function run(options) {
     return web;
   };
   try {
-    browser = await launchBrowser(front.proxy);
+    browser = await launchBrowser(front.proxy, { trustKey: tls ? spkiHash(tls.cert) : undefined });
     // The browser's own start-up (first renderer) is not the page's time.
     const context = await browser.newContext();
     await (await context.newPage()).goto('about:blank');
     await context.close();
 
-    if (scenario.firstChunk) {  // the first visit stores the first chunk
+    if (options.firstVisit) {  // stores the first chunk for a later session
       component = bind('first-visit');
       await visit(browser, pageUrl);
-      component.destroy();
+      if (!await firstChunkStored(process.env.VELORA_LOG)) throw new Error('the first chunk was not stored');
+      return { scenario: scenario.name, firstVisit: true };
     }
     let logOffset = 0;
     const beforeNavigate = async () => {
@@ -98,6 +114,7 @@ async function run(options) {
       url: record.url,
       path: new URL(record.url).pathname,
       mainFrame: record.mainFrame,
+      protocol: record.protocol,
       source: sourceOf(record, log),
       status: record.status,
       error: record.error,

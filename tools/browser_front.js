@@ -8,22 +8,38 @@
 // body comes.
 //
 //   const front = await startBrowserFront({ component: () => web, onRequest(record) {},
-//     log(line) {} /* stderr by default */, maxBufferedBytes: 32 << 20 /* the default */ });
+//     log(line) {} /* stderr by default */, maxBufferedBytes: 32 << 20 /* the default */,
+//     names: ['news.harbor.test'] /* forwarded besides loopback */,
+//     tls: { key, cert } /* PEM: answers CONNECT for those names, loopback too */ });
 //   // chromium --proxy-server=http://127.0.0.1:${front.port} --proxy-bypass-list='<-loopback>'
+//   //   --ignore-certificate-errors-spki-list=<SHA-256 of the key of tls.cert, base64>
 //   await front.close();
 //
-// Only loopback targets are forwarded; anything else (Chromium's own update
-// and sync hosts among them) is refused with 403, and CONNECT is refused too.
+// Only loopback targets and the given names are forwarded; names must be
+// under .test, which never resolves on the internet: the engine reaches them
+// through VELORA_RESOLVE. Anything else (Chromium's own update and sync hosts
+// among them) is refused with 403. With `tls`, CONNECT to an allowed host and
+// port opens a tunnel the front ends itself: it answers the TLS handshake
+// with tls.cert, speaks HTTP/2 or HTTP/1.1 in it as the browser chose (ALPN),
+// and loads each request as https://host:port/path, so that the engine and
+// Velora fetch over HTTPS. A request in the tunnel for another origin than
+// the one the tunnel was opened for gets 421. Without `tls` every CONNECT is
+// refused.
 // The engine cannot be paused, so body bytes a client has not taken yet wait
 // here, about 32 MiB of them at most per response (maxBufferedBytes): past the
-// limit the load is stopped and the connection dropped, so a client that stops
-// reading cannot make this process hold a whole body. A client that goes away
-// has its load stopped at once. The margin is wide because a client reading as
-// fast as it can falls up to ~17 MiB behind a local origin at times.
-// Requests Node cannot parse get a status (431 for oversize headers) rather
-// than a reset. Failures are logged, never thrown.
+// limit the load is stopped and the connection (over HTTP/2 the stream)
+// dropped, so a client that stops reading cannot make this process hold a
+// whole body. A client that goes away (or resets its stream) has its load
+// stopped at once. The margin is wide because a client reading as fast as it
+// can falls up to ~17 MiB behind a local origin at times.
+// HTTP/1.1 requests Node cannot parse get a status (431 for oversize headers)
+// rather than a reset, in a tunnel too; an HTTP/2 stream whose header block is
+// too large is refused by Node itself. Failures are logged, never thrown.
+const crypto = require('node:crypto');
 const http = require('node:http');
+const http2 = require('node:http2');
 const net = require('node:net');
+const tls = require('node:tls');
 
 // Per-connection fields, and those the engine sets itself.
 const DROPPED_REQUEST_HEADERS = new Set(['connection', 'keep-alive', 'proxy-connection',
@@ -38,6 +54,7 @@ const MAX_BUFFERED_BYTES = 32 * 1024 * 1024;
 // drops) what its client sends, so that closing it does not reset the
 // connection before the client has read the answer.
 const CLIENT_ERROR_LINGER_MS = 1000;
+const MAX_TUNNEL_ORIGINS = 64;
 const CLIENT_ERROR_STATUS = { HPE_HEADER_OVERFLOW: 431, HPE_CHUNK_EXTENSIONS_OVERFLOW: 413,
   ERR_HTTP_REQUEST_TIMEOUT: 408 };
 
@@ -59,16 +76,42 @@ function isMainFrame(headers) {
   return headers['upgrade-insecure-requests'] === '1' && /text\/html/i.test(headers.accept || '');
 }
 
+// A host name a front may be told to forward: one under .test (RFC 6761),
+// so that no configuration can send the engine to a real server.
+function isTestName(name) {
+  return typeof name === 'string' && name.length <= 253 &&
+    /^([a-z0-9]([a-z0-9-]*[a-z0-9])?\.)+test$/.test(name);
+}
+
+// Whether `hostname` (as URL parses it) may be forwarded to.
+function allowedHost(hostname, names) {
+  return isLoopbackHost(hostname) || names.has(hostname.toLowerCase());
+}
+
 // The target of a proxied request, or null when it must not be forwarded.
-function targetOf(req) {
+function targetOf(req, names) {
   let url;
   try {
     url = new URL(req.url);
   } catch {
     return null;  // origin-form: a request for the proxy itself
   }
-  if (url.protocol !== 'http:' || !isLoopbackHost(url.hostname)) return null;
+  if (url.protocol !== 'http:' || !allowedHost(url.hostname, names)) return null;
   return url;
+}
+
+// The origin a CONNECT request asks a tunnel to ("host:port", the port
+// required), or null when it is malformed or not allowed.
+function tunnelOrigin(authority, names) {
+  const match = /^(\[[0-9a-fA-F:.]+\]|[^\s:/?#@[\]]+):([0-9]{1,5})$/.exec(String(authority));
+  if (!match || Number(match[2]) < 1 || Number(match[2]) > 65535) return null;
+  let url;
+  try {
+    url = new URL(`https://${match[1]}:${match[2]}/`);
+  } catch {
+    return null;
+  }
+  return allowedHost(url.hostname, names) ? url.origin : null;
 }
 
 // Fields named in Connection are per-connection too.
@@ -76,15 +119,19 @@ function connectionFields(value) {
   return new Set(String(value || '').split(',').map((name) => name.trim().toLowerCase()).filter(Boolean));
 }
 
+// HTTP/2 pseudo-header fields (":path") stay here; the cookie fields HTTP/2
+// sends one per cookie become one line, as HTTP/1.1 has it.
 function requestHeaders(rawHeaders, connection) {
   const perConnection = connectionFields(connection);
   const headers = [];
+  const cookies = [];
   for (let i = 0; i + 1 < rawHeaders.length; i += 2) {
     const name = rawHeaders[i].toLowerCase();
-    if (!DROPPED_REQUEST_HEADERS.has(name) && !perConnection.has(name)) {
-      headers.push([rawHeaders[i], rawHeaders[i + 1]]);
-    }
+    if (name.startsWith(':') || DROPPED_REQUEST_HEADERS.has(name) || perConnection.has(name)) continue;
+    if (name === 'cookie') cookies.push(rawHeaders[i + 1]);
+    else headers.push([rawHeaders[i], rawHeaders[i + 1]]);
   }
+  if (cookies.length > 0) headers.push(['Cookie', cookies.join('; ')]);
   return headers;
 }
 
@@ -104,9 +151,11 @@ function responseHeaders(pairs) {
   return flat;
 }
 
+// An HTTP/2 response (res.stream) ends its stream; it has no Connection field.
 function refuse(res, status, message) {
   try {
-    res.writeHead(status, { 'Content-Type': 'text/plain', Connection: 'close' });
+    res.writeHead(status, res.stream ? { 'Content-Type': 'text/plain' }
+      : { 'Content-Type': 'text/plain', Connection: 'close' });
     res.end(`${message}\n`);
   } catch {
     res.destroy();
@@ -148,13 +197,14 @@ function readBody(req) {
 // One proxied request: the load, its streaming, and what it became.
 // record.stopped says why the front stopped a load ('disconnected': the
 // client went away; 'backpressure': it fell too far behind); record.buffered
-// is the most body bytes that waited for the client at once while it lagged.
+// is the most body bytes that waited for the client at once while it lagged;
+// record.protocol is what the browser spoke to the front ('h2', 'http/1.1').
 async function forward(req, res, target, options) {
   const web = options.component();
   if (!web) return refuse(res, 503, 'no web component to load into');
   const record = { url: target.href, method: req.method, mainFrame: isMainFrame(req.headers),
-    status: 0, intercepted: false, error: null, bytes: 0, headers: [], aborted: false, stopped: null,
-    buffered: 0, timing: null };
+    protocol: req.httpVersionMajor === 2 ? 'h2' : 'http/1.1', status: 0, intercepted: false,
+    error: null, bytes: 0, headers: [], aborted: false, stopped: null, buffered: 0, timing: null };
   const abort = new AbortController();
   let clientGone = false;
   let loading = true;
@@ -168,10 +218,12 @@ async function forward(req, res, target, options) {
     abort.abort();
     res.destroy();
   };
-  // Once the load has ended there is nothing left to stop: a client leaving
-  // now does not change what the load was.
+  // Once the load has ended, or the front itself answered, there is nothing
+  // left to stop: a client leaving now does not change what the load was.
+  // (An HTTP/2 stream the client reset reads as finished: what counts is
+  // whether the front ended it.)
   res.on('close', () => {
-    if (loading && !res.writableFinished) stop('disconnected');
+    if (loading && !res.writableEnded) stop('disconnected');
   });
   let body;
   try {
@@ -208,7 +260,7 @@ async function forward(req, res, target, options) {
       if (clientGone) return;
       // A client that half-closed had its connection ended by the server;
       // nothing written from now on would reach it.
-      if (res.socket && !res.socket.writable) {
+      if (!res.stream && res.socket && !res.socket.writable) {
         stop('disconnected');
         return;
       }
@@ -283,16 +335,102 @@ function countResponse(responding, socket, res) {
   res.once('close', () => responding.set(socket, responding.get(socket) - 1));
 }
 
+// Serves one tunnel origin's requests: those naming another origin get 421,
+// as a connection the browser wrongly reused for a second origin should.
+function tunnelRequest(req, res, origin, options, state) {
+  if (req.httpVersionMajor === 1) countResponse(state.responding, req.socket, res);
+  const authority = req.headers[':authority'] || req.headers.host || '';
+  let target = null;
+  try {
+    if (new URL(`https://${authority}/`).origin === origin && req.url.startsWith('/')) {
+      target = new URL(req.url, origin);
+    }
+  } catch {
+    target = null;
+  }
+  if (!target) {
+    notify(options, 'onRefused', `${origin} ${authority} ${req.url}`);
+    return refuse(res, 421, `this connection serves ${origin} only`);
+  }
+  forward(req, res, target, options).catch((error) => {
+    options.log(`${target.href}: ${error.stack || error.message}`);
+    if (!res.headersSent) refuse(res, 500, error.message);
+    else res.destroy();
+  });
+  return undefined;
+}
+
+// The TLS server of one tunnel origin, made on its first CONNECT: it never
+// listens, CONNECT hands it the browser's connections. Its handler knows the
+// one origin those may ask for. All servers take the same session tickets,
+// so a server made again for an origin still resumes its sessions.
+function tunnelServer(origin, options, state) {
+  let server = state.tunnels.get(origin);
+  if (server) return server;
+  server = http2.createSecureServer({ ...state.tls, ticketKeys: state.ticketKeys, allowHTTP1: true,
+    minVersion: 'TLSv1.2' },
+  (req, res) => tunnelRequest(req, res, origin, options, state));
+  server.keepAliveTimeout = 30000;
+  server.on('clientError', (error, socket) => answerClientError(error, socket, state));
+  server.on('tlsClientError', (error) => {
+    if (error.code !== 'ECONNRESET') options.log(`TLS with the browser for ${origin} failed: ${error.message}`);
+  });
+  server.on('sessionError', (error) => {
+    if (error.code !== 'ECONNRESET') options.log(`HTTP/2 session for ${origin}: ${error.message}`);
+  });
+  server.on('session', (session) => {
+    state.sessions.add(session);
+    session.once('close', () => state.sessions.delete(session));
+  });
+  // Tunnels to many loopback ports are possible: only the latest origins'
+  // servers are kept (one dropped here still serves its open connections).
+  if (state.tunnels.size >= MAX_TUNNEL_ORIGINS) state.tunnels.delete(state.tunnels.keys().next().value);
+  state.tunnels.set(origin, server);
+  return server;
+}
+
+// CONNECT host:port: a tunnel the front ends itself when it has a key and
+// the target is allowed; a 403 otherwise, before any tunnel opens.
+function answerConnect(req, socket, head, options, state) {
+  // The server no longer watches a socket it handed over: a browser that
+  // resets it must not take the process down.
+  socket.on('error', () => socket.destroy());
+  const origin = state.tls ? tunnelOrigin(req.url, state.names) : null;
+  if (!origin) {
+    notify(options, 'onRefused', req.url);
+    socket.end('HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n');
+    return;
+  }
+  socket.write('HTTP/1.1 200 Connection Established\r\n\r\n');
+  if (head.length > 0) socket.unshift(head);
+  tunnelServer(origin, options, state).emit('connection', socket);
+}
+
 function startBrowserFront(givenOptions) {
   const options = { ...givenOptions, maxBufferedBytes: givenOptions.maxBufferedBytes || MAX_BUFFERED_BYTES,
     log: givenOptions.log || ((line) => console.error(`browser front: ${line}`)) };
-  const state = { log: options.log, lingering: new WeakSet(), responding: new WeakMap() };
+  const names = (givenOptions.names || []).map((name) => String(name).toLowerCase());
+  const notTest = names.filter((name) => !isTestName(name));
+  if (notTest.length > 0) {
+    return Promise.reject(new Error(`browser front: only names under .test are forwarded, not ${notTest.join(', ')}`));
+  }
+  const state = { log: options.log, lingering: new WeakSet(), responding: new WeakMap(),
+    names: new Set(names), tunnels: new Map(), sessions: new Set(), tls: null, ticketKeys: null };
+  if (givenOptions.tls) {
+    try {
+      state.tls = { key: givenOptions.tls.key, cert: givenOptions.tls.cert };
+      tls.createSecureContext(state.tls);  // throws now rather than at the first CONNECT
+    } catch (error) {
+      return Promise.reject(new Error(`browser front: the TLS key or certificate is unusable: ${error.message}`));
+    }
+    state.ticketKeys = crypto.randomBytes(48);
+  }
   const server = http.createServer((req, res) => {
     countResponse(state.responding, req.socket, res);
-    const target = targetOf(req);
+    const target = targetOf(req, state.names);
     if (!target) {
       notify(options, 'onRefused', req.url);
-      return refuse(res, 403, 'only loopback http targets are forwarded');
+      return refuse(res, 403, 'only loopback and configured .test http targets are forwarded');
     }
     forward(req, res, target, options).catch((error) => {
       options.log(`${target.href}: ${error.stack || error.message}`);
@@ -301,13 +439,7 @@ function startBrowserFront(givenOptions) {
     });
     return undefined;
   });
-  server.on('connect', (req, socket) => {
-    notify(options, 'onRefused', req.url);
-    // The server no longer watches a socket it handed over: a browser that
-    // resets it must not take the process down.
-    socket.on('error', () => socket.destroy());
-    socket.end('HTTP/1.1 403 Forbidden\r\nConnection: close\r\n\r\n');
-  });
+  server.on('connect', (req, socket, head) => answerConnect(req, socket, head, options, state));
   server.on('clientError', (error, socket) => answerClientError(error, socket, state));
   const sockets = new Set();
   server.on('connection', (socket) => {
@@ -321,6 +453,7 @@ function startBrowserFront(givenOptions) {
         port: server.address().port,
         proxy: `http://127.0.0.1:${server.address().port}`,
         close() {
+          for (const session of state.sessions) session.destroy();
           for (const socket of sockets) socket.destroy();
           return new Promise((done) => server.close(() => done()));
         },
@@ -329,4 +462,11 @@ function startBrowserFront(givenOptions) {
   });
 }
 
-module.exports = { startBrowserFront, isMainFrame, isLoopbackHost };
+// The pin Chromium takes for the front's certificate
+// (--ignore-certificate-errors-spki-list): SHA-256 of its public key, base64.
+function spkiHash(certPem) {
+  const spki = crypto.createPublicKey(certPem).export({ type: 'spki', format: 'der' });
+  return crypto.createHash('sha256').update(spki).digest('base64');
+}
+
+module.exports = { startBrowserFront, isMainFrame, isLoopbackHost, isTestName, tunnelOrigin, spkiHash };

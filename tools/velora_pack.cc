@@ -1,9 +1,10 @@
 // velora-pack: builds, installs, lists and removes offline resource packages.
 //
-//   velora-pack build <folder> <base-url> <out> [--id ID] [--version V]
+//   velora-pack build <folder> <base-url> <out> [--id ID] [--version V] [--header "Name: value"]...
 //       Packages every file under <folder>; file a/b.css is served for
-//       <base-url>/a/b.css with a Content-Type from its extension. <out> is a
-//       folder, or a .zip file.
+//       <base-url>/a/b.css with a Content-Type from its extension, and each
+//       --header given (as a static origin sends Timing-Allow-Origin). <out>
+//       is a folder, or a .zip file.
 //   velora-pack install <package>     into $VELORA_PACKAGES_DIR
 //   velora-pack list
 //   velora-pack remove <id>
@@ -27,7 +28,7 @@ namespace {
 int usage() {
   std::fprintf(stderr,
                "usage: velora-pack build <folder> <base-url> <out-folder|out.zip> [--id ID] "
-               "[--version V]\n"
+               "[--version V] [--header \"Name: value\"]...\n"
                "       velora-pack install <package-folder|package.zip>\n"
                "       velora-pack list\n"
                "       velora-pack remove <id>\n");
@@ -62,6 +63,27 @@ std::string contentType(const fs::path& file) {
   return it == types.end() ? "application/octet-stream" : it->second;
 }
 
+// "Name: value" as a header every packaged file is served with; false when
+// it is not one (a name that is no HTTP token, a value with CR or LF).
+bool parseHeader(const std::string& line, std::pair<std::string, std::string>* header) {
+  const size_t colon = line.find(':');
+  if (colon == std::string::npos || colon == 0)
+    return false;
+  const std::string name = line.substr(0, colon);
+  for (unsigned char c : name) {
+    if (c <= 32 || c >= 127 || std::strchr("\"(),/:;<=>?@[\\]{}", c))
+      return false;
+  }
+  std::string value = line.substr(colon + 1);
+  value.erase(0, value.find_first_not_of(" \t"));
+  while (!value.empty() && (value.back() == ' ' || value.back() == '\t'))
+    value.pop_back();
+  if (value.find_first_of("\r\n") != std::string::npos)
+    return false;
+  *header = {name, value};
+  return true;
+}
+
 // Manifests are JSON text: file names must be UTF-8 to be named in one.
 bool isUtf8(const std::string& text) {
   try {
@@ -81,13 +103,25 @@ int build(const std::vector<std::string>& args) {
     base.pop_back();
   fs::path out = args[2];
   std::string id = folder.filename().string(), version = "1";
+  std::vector<std::pair<std::string, std::string>> headers;
+  if (args.size() % 2 == 0)
+    return usage();  // an option without its value
   for (size_t i = 3; i + 1 < args.size(); i += 2) {
-    if (args[i] == "--id")
+    if (args[i] == "--id") {
       id = args[i + 1];
-    else if (args[i] == "--version")
+    } else if (args[i] == "--version") {
       version = args[i + 1];
-    else
+    } else if (args[i] == "--header") {
+      std::pair<std::string, std::string> header;
+      if (!parseHeader(args[i + 1], &header) || !isUtf8(header.second)) {
+        std::fprintf(stderr, "velora-pack: not a header line \"Name: value\": %s\n",
+                     args[i + 1].c_str());
+        return 2;
+      }
+      headers.push_back(std::move(header));
+    } else {
       return usage();
+    }
   }
   if (!fs::is_directory(folder)) {
     std::fprintf(stderr, "velora-pack: %s is not a folder\n", folder.c_str());
@@ -120,9 +154,11 @@ int build(const std::vector<std::string>& args) {
   }
   std::sort(files.begin(), files.end());
   for (const std::string& file : files) {
-    manifest["resources"].push_back({{"url", base + "/" + file},
-                                     {"file", file},
-                                     {"headers", {{"Content-Type", contentType(file)}}}});
+    nlohmann::json fields = {{"Content-Type", contentType(file)}};
+    for (const auto& [name, value] : headers)
+      fields[name] = value;
+    manifest["resources"].push_back(
+        {{"url", base + "/" + file}, {"file", file}, {"headers", std::move(fields)}});
   }
   std::string manifestText = manifest.dump(2);
   if (out.extension() == ".zip") {

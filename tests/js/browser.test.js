@@ -1,6 +1,7 @@
 'use strict';
-// End to end in Chromium: the demo page loaded through the browser front,
-// once with every Velora feature and once directly.
+// End to end in Chromium: the demo page, from its three HTTPS origins,
+// loaded through the browser front, once with every Velora feature and once
+// directly.
 const { test, before, after } = require('node:test');
 const assert = require('node:assert/strict');
 const path = require('node:path');
@@ -20,6 +21,9 @@ after(() => {
   if (setup) setup.stop();
 });
 
+// Which of the site's origins served `url`.
+const originOf = (url) => Object.keys(setup.origins).find((name) => new URL(url).origin === setup.origins[name]);
+
 test('the demo page paints through Velora from prefetch, first chunk and package', { skip: missing || false }, async () => {
   const run = await runScenario(scenario('combined'), setup);
   assert.equal(checkPage(run), null, run.failed);
@@ -36,9 +40,13 @@ test('the demo page paints through Velora from prefetch, first chunk and package
   // Packaged files never reached the origin; the page did (prefetch, first visit).
   assert.equal(await setup.count('/static/site.css'), 0);
   assert.ok(await setup.count('/news/harbor-lights') >= 2);
+  // The measured visit opened no connection to the static origin, and its
+  // own to the page's (the first visit's ended with its process).
+  assert.equal(run.origins.static.connections, 0);
+  assert.equal(run.origins.page.connections, 1);
 });
 
-test('the same page loads directly, every request left to the engine', { skip: missing || false }, async () => {
+test('the same page loads directly over HTTPS, one HTTP/2 connection per origin', { skip: missing || false }, async () => {
   const run = await runScenario(scenario('direct'), setup);
   assert.equal(checkPage(run), null, run.failed);
   const paths = run.requests.map((r) => r.path);
@@ -47,4 +55,17 @@ test('the same page loads directly, every request left to the engine', { skip: m
   }
   assert.ok(run.requests.every((r) => r.source === 'engine'), JSON.stringify(run.requests.map((r) => r.source)));
   assert.equal(await setup.count('/static/site.css'), 1);
+  // Chromium spoke HTTP/2 to the front in its tunnels; the engine fetched
+  // every file over HTTPS from the origin the page names, one multiplexed
+  // connection each.
+  const perOrigin = { page: 0, static: 0, api: 0 };
+  for (const request of run.requests) {
+    assert.match(request.url, /^https:\/\//);
+    assert.equal(request.protocol, 'h2', request.url);
+    perOrigin[originOf(request.url)] += 1;
+  }
+  assert.deepEqual(perOrigin, { page: 1, static: 8, api: 1 });
+  for (const [name, count] of Object.entries(perOrigin)) {
+    assert.deepEqual(run.origins[name], { connections: 1, h2Sessions: 1, h2Streams: count, h1Requests: 0 }, name);
+  }
 });

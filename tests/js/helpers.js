@@ -75,8 +75,10 @@ class Sandbox {
 
 // For suites that load both addons into the test process itself: a fresh
 // data folder and log (set before the addons read them), the local origin,
-// and the structured log's entries by event name.
-function inProcessSuite(prefix) {
+// and the structured log's entries by event name. With `tls`, the origin
+// serves HTTPS as well from the run's certificates (VELORA_TEST_CERTS, or
+// made here), which the host libraries trust (suite.certs).
+function inProcessSuite(prefix, { tls = false } = {}) {
   const { before, after, afterEach } = require('node:test');
   const assert = require('node:assert/strict');
   const { startOrigin, ensureTestCerts } = require('./origin');
@@ -86,7 +88,15 @@ function inProcessSuite(prefix) {
   process.env.VELORA_LOG = path.join(dataDir, 'log.jsonl');
   process.env.VELORA_HILOG = path.join(dataDir, 'hilog.txt');
   process.env.VELORA_CONFIG = path.join(dataDir, 'config.json');
+  let certs = null;
+  if (tls) {
+    const { makeCerts } = require('../origin/certs');
+    certs = makeCerts(process.env.VELORA_TEST_CERTS || path.join(dataDir, 'certs'));
+    process.env.VELORA_TEST_CERTS = certs.dir;
+    process.env.VELORA_CA_FILE = certs.ca;
+  }
   const suite = {
+    certs,
     host: require(path.join(BUILD, 'arkweb_host.node')),
     velora: require(path.join(BUILD, 'velora.node')),
     origin: null,

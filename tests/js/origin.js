@@ -1,7 +1,7 @@
 'use strict';
 // Starts a server script as a child process and hands back its address. The
-// script prints {"port": N, ...} as its first stdout line and stops when its
-// stdin closes.
+// script prints {"port": N, ...} as its first stdout line (every field of it
+// is handed back, and whole as `info`) and stops when its stdin closes.
 const { spawn } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
@@ -21,7 +21,7 @@ function startServer(script, args = []) {
       const newline = text.indexOf('\n');
       if (newline >= 0) {
         const info = JSON.parse(text.slice(0, newline));
-        resolve({ port: info.port, info, stop: () => child.stdin.end() });
+        resolve({ ...info, info, stop: () => child.stdin.end() });
       }
     });
     child.once('exit', (code) => reject(new Error(`${path.basename(script)} exited with ${code}`)));
@@ -53,6 +53,8 @@ async function startOrigin() {
   const portOf = { http: info.port, https_h1: info.https1Port, https_h2: info.httpsPort };
   return {
     port: info.port,
+    httpsPort: info.httpsPort,  // HTTP/2 and HTTP/1.1
+    https1Port: info.https1Port,  // HTTP/1.1 alone
     url,
     // `p` on the listener of `transport`, one of TRANSPORTS.
     urlOver(transport, p) {

@@ -41,3 +41,28 @@ test('build refuses links and leaves out names that are not UTF-8', () => {
   assert.ok(fs.existsSync(data));
   fs.rmSync(dir, { recursive: true, force: true });
 });
+
+test('build serves every file with the headers given, and refuses what is no header line', () => {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'velora-pack-'));
+  const site = path.join(dir, 'site');
+  fs.mkdirSync(site);
+  fs.writeFileSync(path.join(site, 'a.css'), 'a{}');
+  fs.writeFileSync(path.join(site, 'b.png'), 'png');
+  const built = pack(['build', site, 'https://static.h.test:8443/s', path.join(dir, 'out'),
+    '--header', 'Timing-Allow-Origin:  https://h.test:8443 ', '--header', 'X-Served-By: package']);
+  assert.equal(built.status, 0, built.stderr);
+  const manifest = JSON.parse(fs.readFileSync(path.join(dir, 'out', 'manifest.json'), 'utf8'));
+  for (const resource of manifest.resources) {
+    assert.equal(resource.headers['Timing-Allow-Origin'], 'https://h.test:8443', resource.file);
+    assert.equal(resource.headers['X-Served-By'], 'package', resource.file);
+  }
+  assert.equal(manifest.resources.find((r) => r.file === 'a.css').headers['Content-Type'], 'text/css');
+  for (const line of ['No-Colon', ': empty name', 'Bad Name: x', 'X-Split: a\r\nInjected: yes']) {
+    const refused = pack(['build', site, 'https://h/s', path.join(dir, 'bad'), '--header', line]);
+    assert.equal(refused.status, 2, JSON.stringify(line));
+    assert.match(refused.stderr, /not a header line/);
+  }
+  assert.equal(pack(['build', site, 'https://h/s', path.join(dir, 'bad'), '--header']).status, 2);
+  assert.ok(!fs.existsSync(path.join(dir, 'bad')), 'a refused build wrote its output');
+  fs.rmSync(dir, { recursive: true, force: true });
+});

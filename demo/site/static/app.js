@@ -4,7 +4,9 @@
 (function () {
   const list = document.getElementById('comment-list');
   const format = window.harborFormat || ((text) => text);
-  fetch('/api/comments?article=harbor-lights', { headers: { Accept: 'application/json' } })
+  // The API has an origin of its own (CORS); the page names it.
+  const api = document.body.dataset.api || '';
+  fetch(`${api}/api/comments?article=harbor-lights`, { headers: { Accept: 'application/json' } })
     .then((res) => {
       if (!res.ok) throw new Error(`comments: HTTP ${res.status}`);
       return res.json();
