@@ -7,7 +7,7 @@ const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { buildSite, PAGE_PATH, HOSTS } = require('./news_site.js');
-const { makeSiteCerts } = require('./site_certs.js');
+const { makeCerts } = require('../tests/origin/certs.js');
 const { startServer } = require('../tests/js/origin.js');
 
 const SCENARIOS = [
@@ -107,7 +107,9 @@ async function prepareSite(build, conditions) {
     buildSite(workDir);
     const transport = conditions.transport || 'https';
     if (transport !== 'https' && transport !== 'http') throw new Error(`no transport ${transport}`);
-    const certs = transport === 'https' ? makeSiteCerts(path.join(workDir, 'certs')) : null;
+    // The run's root, and its leaf for localhost and every name under harbor.test.
+    const made = transport === 'https' ? makeCerts(path.join(workDir, 'certs')) : null;
+    const certs = made && { ca: made.ca, cert: made.leaf.cert, key: made.leaf.key };
     site = await startSite(workDir, conditions, certs);
     const { origins } = site;
     const control = `http://127.0.0.1:${site.port}`;

@@ -7,7 +7,7 @@
 //
 // Three origins, each on a loopback port of its own: the page's
 // (news.harbor.test), static files (static.harbor.test) and the API
-// (api.harbor.test). With --cert and --key (demo/site_certs.js) they speak
+// (api.harbor.test). With --cert and --key (the run's leaf, tests/origin/certs.js) they speak
 // HTTPS, HTTP/2 with HTTP/1.1 for clients that do not offer h2; without,
 // cleartext HTTP/1.1. A control listener (cleartext, no latency)
 // answers /__count?path=P and /__stats. Prints
