@@ -3,6 +3,7 @@
 // network only through a proxy: what a person sees of a page load. HTTPS
 // goes through the proxy too (CONNECT), to a front that ends TLS itself with
 // a certificate Chromium is told to trust by its key.
+const crypto = require('node:crypto');
 const fs = require('node:fs');
 
 const CHROMIUM = process.env.VELORA_CHROMIUM || '/usr/bin/chromium';
@@ -26,15 +27,21 @@ function chromiumMissing() {
 
 // `trustKey`: the base64 SHA-256 of the public key the proxy's TLS
 // certificate holds; certificates with that key are taken whatever they say.
-async function launchBrowser(proxy, { trustKey } = {}) {
+// With `profile` (a folder) the browser keeps its profile there, service
+// workers and their caches included, from one launch to the next; it is then
+// a browser context of its own (playwright's persistent context).
+async function launchBrowser(proxy, { trustKey, profile } = {}) {
   const { chromium } = require('playwright-core');
   const env = { ...process.env };
   for (const name of SANITIZER_ENV) delete env[name];
   const args = trustKey ? [...FLAGS, `--ignore-certificate-errors-spki-list=${trustKey}`] : FLAGS;
   // Playwright proxies loopback too ("<-loopback>" in the bypass list).
-  return chromium.launch({ executablePath: CHROMIUM, headless: true, args, env,
-    proxy: { server: proxy }, timeout: 60000 });
+  const common = { executablePath: CHROMIUM, headless: true, args, env, proxy: { server: proxy }, timeout: 60000 };
+  if (profile) return chromium.launchPersistentContext(profile, { ...common, viewport: VIEWPORT });
+  return chromium.launch(common);
 }
+
+const VIEWPORT = { width: 1100, height: 860 };
 
 // Records the last largest-contentful-paint candidate before any page script runs.
 function observePaints() {
@@ -68,12 +75,23 @@ function readMetrics() {
 
 // Loads `url` in a fresh context (empty cache) and measures it once the page
 // has loaded and its comments came in. `beforeNavigate` runs when the tab is
-// ready, just before the navigation starts.
-async function visit(browser, url, { screenshot, beforeNavigate } = {}) {
-  const context = await browser.newContext({ viewport: { width: 1100, height: 860 } });
+// ready, just before the navigation starts. The site's service worker
+// registers only with `serviceWorkers`; given a persistent context
+// (`browser` from launchBrowser with a profile) the visit opens a tab in it.
+async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers = false } = {}) {
+  const persistent = typeof browser.newContext !== 'function';
+  const context = persistent ? browser
+    : await browser.newContext({ viewport: VIEWPORT, serviceWorkers: serviceWorkers ? 'allow' : 'block' });
   try {
     const page = await context.newPage();
     await page.addInitScript(observePaints);
+    // The document as the browser got it (from the worker, when one answered).
+    let documentResponse = null;
+    page.on('response', (response) => {
+      if (!documentResponse && response.request().isNavigationRequest() && response.url() === url) {
+        documentResponse = response;
+      }
+    });
     if (beforeNavigate) await beforeNavigate();
     await page.goto(url, { waitUntil: 'load', timeout: 30000 });
     await page.waitForFunction(() => document.body.dataset.comments, null, { timeout: 15000 });
@@ -81,10 +99,31 @@ async function visit(browser, url, { screenshot, beforeNavigate } = {}) {
     await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(done))));
     const metrics = await page.evaluate(readMetrics);
     if (screenshot) await page.screenshot({ path: screenshot });
+    metrics.controlled = await page.evaluate(() => Boolean(navigator.serviceWorker && navigator.serviceWorker.controller));
+    if (serviceWorkers) {
+      metrics.worker = await page.evaluate(workerState);
+      if (documentResponse) {
+        const body = await documentResponse.body();
+        metrics.document = { fromWorker: documentResponse.fromServiceWorker(), bytes: body.length,
+          sha256: crypto.createHash('sha256').update(body).digest('hex') };
+      }
+    }
+    if (persistent) await page.close();
     return metrics;
   } finally {
-    await context.close();
+    if (!persistent) await context.close();
   }
+}
+
+// Waits for the site's worker to be active (its precache filled) and tells
+// what its caches hold.
+async function workerState() {
+  const registration = await navigator.serviceWorker.ready;
+  const cached = [];
+  for (const name of await caches.keys()) {
+    for (const request of await (await caches.open(name)).keys()) cached.push(request.url);
+  }
+  return { scope: registration.scope, active: registration.active.state, cached };
 }
 
 module.exports = { chromiumMissing, launchBrowser, visit, CHROMIUM };

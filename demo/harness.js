@@ -17,6 +17,8 @@ const SCENARIOS = [
   { name: 'velora+prefetch', velora: true, prefetch: true },
   { name: 'velora+first-chunk', velora: true, firstChunk: true },
   { name: 'combined', velora: true, package: true, prefetch: true, firstChunk: true },
+  // The browser's own: the site's Workbox service worker, on a second visit.
+  { name: 'sw', sw: true },
 ];
 
 function startSite(siteDir, opts, certs) {
@@ -75,7 +77,12 @@ async function runScenario(scenario, setup, screenshot) {
     VELORA_SSR_RULES: `${setup.origins.page}/news/`, VELORA_RESOLVE: setup.resolve };
   if (setup.certs) env.VELORA_CA_FILE = setup.certs.ca;
   const input = { scenario, pageUrl: setup.pageUrl, prefetchLeadMs: setup.prefetchLeadMs, screenshot,
-    build: setup.build, front: { names: setup.names, tls: setup.certs } };
+    build: setup.build, front: { names: setup.names, tls: setup.certs }, profile: path.join(dataDir, 'profile') };
+  let firstVisit = null;
+  if (scenario.sw) {  // installs the worker in the profile the measured visit uses
+    firstVisit = await runChild({ ...input, screenshot: undefined, firstVisit: true }, env);
+    if (firstVisit.failed) return { scenario: scenario.name, failed: `first visit: ${firstVisit.failed}` };
+  }
   if (scenario.firstChunk) {
     const first = await runChild({ ...input, screenshot: undefined, firstVisit: true }, env);
     if (first.failed) return { scenario: scenario.name, failed: `first visit: ${first.failed}` };
@@ -83,6 +90,7 @@ async function runScenario(scenario, setup, screenshot) {
   const before = await setup.stats();
   const run = await runChild(input, env);
   if (!run.failed) run.origins = statsDelta(before, await setup.stats());
+  if (firstVisit && !run.failed) run.firstVisit = firstVisit;
   return run;
 }
 

@@ -4,7 +4,8 @@
 // per scenario: directly (the component not bound to Velora), through Velora
 // over the network, with the site's offline package, with a prefetch started
 // before navigation, from the stored first chunk (a second visit), and with
-// all of them. Prints the medians and per request where it was answered
+// all of them; and through the site's own Workbox service worker on a second
+// visit in the same browser profile. Prints the medians and per request where it was answered
 // from; writes report.json, a screenshot per scenario and a waterfall.
 // The site's three origins speak HTTPS with HTTP/2; --http serves them in
 // cleartext HTTP/1.1 instead, for comparison.
@@ -152,7 +153,7 @@ async function main() {
       const requests = [...s.representative.requests].sort((a, b) =>
         (a.browser ? a.browser.start : 0) - (b.browser ? b.browser.start : 0));
       for (const r of requests) {
-        console.log(`  ${pad([r.path, r.source, r.error === null ? r.status : `err ${r.error}`, r.bytes,
+        console.log(`  ${pad([r.path, r.source, r.error === null ? (r.status ?? '-') : `err ${r.error}`, r.bytes ?? '-',
           ms(r.ttfb)], [30, 22, 7, 8, 7])}`);
       }
     }

@@ -5,6 +5,7 @@
 // files and one for the API (HOSTS; the ports are chosen per run). The
 // hand-written files live in demo/site/static; the images and the vendor
 // script are generated here, the same bytes on every run.
+const crypto = require('node:crypto');
 const fs = require('node:fs');
 const path = require('node:path');
 const zlib = require('node:zlib');
@@ -13,6 +14,11 @@ const STATIC_SOURCE = path.join(__dirname, 'site', 'static');
 const PAGE_PATH = '/news/harbor-lights';
 const MARKER = '<div><!--fcc--></div>';
 const PAGE_VERSION = '3';
+// The page's shell as the service worker keeps it: the first chunk alone.
+const SHELL_PATH = '/shell/harbor-lights';
+// The Workbox builds the worker loads, from the page's own origin.
+const WORKBOX_PATH = '/workbox/';
+const WORKBOX_MODULES = ['sw', 'core', 'precaching', 'routing', 'strategies', 'streams', 'navigation-preload'];
 // Host names of the three origins; .test never resolves on the internet.
 const HOSTS = { page: 'news.harbor.test', static: 'static.harbor.test', api: 'api.harbor.test' };
 
@@ -123,7 +129,90 @@ function buildSite(dir) {
   CARDS.forEach((_, i) => {
     fs.writeFileSync(path.join(out, 'img', `card-${i + 1}.png`), harbourPng(240, 147, 10 + i));
   });
+  // Workbox as the site ships it next to its worker (workbox-sw loads the
+  // others by name from modulePathPrefix).
+  const workbox = path.join(dir, 'workbox');
+  fs.mkdirSync(workbox, { recursive: true });
+  for (const name of WORKBOX_MODULES) {
+    const file = name === 'sw' ? 'workbox-sw.js' : `workbox-${name}.prod.js`;
+    fs.copyFileSync(require.resolve(`workbox-${name}/build/${file}`), path.join(workbox, file));
+  }
   return out;
+}
+
+// What the worker precaches: every file of the static folder (what the
+// offline package holds) with a revision from its bytes, as workbox-build's
+// manifest has them, and the page's shell.
+function precacheManifest(dir, origins) {
+  const out = path.join(dir, 'static');
+  const revision = (bytes) => crypto.createHash('sha256').update(bytes).digest('hex').slice(0, 16);
+  const files = [];
+  const walk = (sub) => {
+    for (const entry of fs.readdirSync(path.join(out, sub), { withFileTypes: true })) {
+      const name = sub ? `${sub}/${entry.name}` : entry.name;
+      if (entry.isDirectory()) walk(name);
+      else files.push(name);
+    }
+  };
+  walk('');
+  return [...files.sort().map((name) => ({ url: `${origins.static}/static/${name}`,
+    revision: revision(fs.readFileSync(path.join(out, name))) })),
+  { url: SHELL_PATH, revision: revision(firstChunk(origins)) }];
+}
+
+// The site's service worker, set up with Workbox: the precache, and for the
+// article a streamed answer, the shell from the precache at once and then
+// the live page from its marker on (through navigation preload when the
+// browser has it).
+function serviceWorker(manifest) {
+  return `importScripts('${WORKBOX_PATH}workbox-sw.js');
+workbox.setConfig({ modulePathPrefix: '${WORKBOX_PATH}', debug: false });
+workbox.core.skipWaiting();
+workbox.core.clientsClaim();
+workbox.navigationPreload.enable();
+workbox.precaching.precacheAndRoute(${JSON.stringify(manifest)});
+
+const MARKER = new TextEncoder().encode(${JSON.stringify(MARKER)});
+
+// The bytes of \`body\` after the marker; all of them if it has none.
+function afterMarker(body) {
+  let held = new Uint8Array(0);
+  let found = false;
+  return body.pipeThrough(new TransformStream({
+    transform(chunk, out) {
+      if (found) return out.enqueue(chunk);
+      const bytes = new Uint8Array(held.length + chunk.length);
+      bytes.set(held);
+      bytes.set(chunk, held.length);
+      for (let i = 0; i + MARKER.length <= bytes.length; i++) {
+        let j = 0;
+        while (j < MARKER.length && bytes[i + j] === MARKER[j]) j++;
+        if (j === MARKER.length) {
+          found = true;
+          held = null;
+          if (i + j < bytes.length) out.enqueue(bytes.subarray(i + j));
+          return undefined;
+        }
+      }
+      held = bytes;
+      return undefined;
+    },
+    flush(out) {
+      if (!found && held.length) out.enqueue(held);
+    },
+  }));
+}
+
+workbox.routing.registerRoute(
+  ({ request, url }) => request.mode === 'navigate' && url.pathname === ${JSON.stringify(PAGE_PATH)},
+  workbox.streams.strategy([
+    () => workbox.precaching.matchPrecache(${JSON.stringify(SHELL_PATH)}),
+    async ({ event, request }) => {
+      const live = (event && await event.preloadResponse) || await fetch(request.url, { credentials: 'include' });
+      return afterMarker(live.body);
+    },
+  ], { 'Content-Type': 'text/html; charset=utf-8' }));
+`;
 }
 
 // The part of the page that does not depend on the request: head and
@@ -179,4 +268,5 @@ function comments() {
   };
 }
 
-module.exports = { buildSite, firstChunk, renderedRest, comments, PAGE_PATH, PAGE_VERSION, MARKER, HOSTS };
+module.exports = { buildSite, firstChunk, renderedRest, comments, precacheManifest, serviceWorker, PAGE_PATH,
+  PAGE_VERSION, MARKER, HOSTS, SHELL_PATH, WORKBOX_PATH };

@@ -81,11 +81,27 @@ async function run(options) {
     return web;
   };
   try {
-    browser = await launchBrowser(front.proxy, { trustKey: tls ? spkiHash(tls.cert) : undefined });
+    // The site's service worker lives in a browser profile kept across the
+    // visits, as a person's browser keeps it; other scenarios start empty.
+    const sw = Boolean(scenario.sw);
+    browser = await launchBrowser(front.proxy, { trustKey: tls ? spkiHash(tls.cert) : undefined,
+      profile: sw ? options.profile : undefined });
     // The browser's own start-up (first renderer) is not the page's time.
-    const context = await browser.newContext();
-    await (await context.newPage()).goto('about:blank');
-    await context.close();
+    if (sw) {
+      const blank = await browser.newPage();
+      await blank.goto('about:blank');
+      await blank.close();
+    } else {
+      const context = await browser.newContext();
+      await (await context.newPage()).goto('about:blank');
+      await context.close();
+    }
+
+    if (options.firstVisit && sw) {  // installs the worker and fills its precache
+      component = bind('first-visit');
+      const first = await visit(browser, pageUrl, { serviceWorkers: true });
+      return { scenario: scenario.name, firstVisit: true, worker: first.worker };
+    }
 
     if (options.firstVisit) {  // stores the first chunk for a later session
       component = bind('first-visit');
@@ -104,7 +120,8 @@ async function run(options) {
       records.length = 0;
       logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
     };
-    const metrics = await visit(browser, pageUrl, { screenshot: options.screenshot, beforeNavigate });
+    const metrics = await visit(browser, pageUrl, { screenshot: options.screenshot, beforeNavigate,
+      serviceWorkers: sw });
     // The front records a request when its load has ended, just after the
     // browser got the last byte.
     for (let i = 0; i < 100 && records.length < metrics.resources.length; i++) await sleep(10);
@@ -123,6 +140,13 @@ async function run(options) {
         ? record.timing.firstByte - record.timing.start : null,
       browser: timings.get(record.url) || null,
     }));
+    // What the service worker answered from its caches never reached the front.
+    const seen = new Set(records.map((record) => record.url));
+    for (const entry of metrics.resources) {
+      if (seen.has(entry.url)) continue;
+      requests.push({ url: entry.url, path: new URL(entry.url).pathname, mainFrame: entry === metrics.resources[0],
+        protocol: null, source: 'sw cache', status: null, error: null, bytes: null, ttfb: null, browser: entry });
+    }
     delete metrics.resources;
     return { scenario: scenario.name, ...metrics, requests };
   } finally {

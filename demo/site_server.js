@@ -22,7 +22,8 @@
 //   --lifetime S stops by itself after S seconds (3600)
 // Routes: the article page on the page's origin (server-rendered,
 // first-chunk headers; a request with "x-s-first-chunk: true" gets the first
-// chunk alone), /static/... from the built site on the static origin,
+// chunk alone), with the site's service worker (/sw.js), the Workbox files it
+// loads (/workbox/...) and the page's shell for its precache, /static/... from the built site on the static origin,
 // /api/comments (30 ms of server time, CORS for the page's origin) on the
 // API's. Any other route, or one asked of the wrong origin, is a 404.
 const fs = require('node:fs');
@@ -99,6 +100,8 @@ function siteHandler(opts, origins, link, stats) {
   const staticDir = path.resolve(opts.site, 'static');
   const firstChunk = Buffer.from(site.firstChunk(origins));
   const rest = Buffer.from(site.renderedRest(origins));
+  const worker = Buffer.from(site.serviceWorker(site.precacheManifest(opts.site, origins)));
+  const workboxDir = path.resolve(opts.site, 'workbox');
   const respond = (ms, fn) => setTimeout(fn, opts.rtt + ms);
   const notFound = (res) => respond(0, () => {
     res.writeHead(404, { 'Content-Type': 'text/plain' });
@@ -110,6 +113,28 @@ function siteHandler(opts, origins, link, stats) {
 
   const routes = {
     page(req, res, url) {
+      if (url.pathname === '/sw.js') {
+        return respond(0, () => {
+          res.writeHead(200, { 'Content-Type': 'text/javascript', 'Cache-Control': 'no-cache' });
+          link.send(res, worker, true);
+        });
+      }
+      if (url.pathname === site.SHELL_PATH) {
+        return respond(0, () => {
+          res.writeHead(200, { 'Content-Type': 'text/html; charset=utf-8', 'Cache-Control': 'no-cache' });
+          link.send(res, firstChunk, true);
+        });
+      }
+      if (url.pathname.startsWith(site.WORKBOX_PATH)) {
+        const file = path.join(workboxDir, path.basename(url.pathname));
+        if (!/^workbox-[a-z-]+(\.prod)?\.js$/.test(path.basename(file)) || !fs.existsSync(file)) return notFound(res);
+        return respond(0, () => {
+          const body = fs.readFileSync(file);
+          res.writeHead(200, { 'Content-Type': 'text/javascript', 'Content-Length': body.length,
+            'Cache-Control': 'max-age=600' });
+          link.send(res, body, true);
+        });
+      }
       if (url.pathname !== site.PAGE_PATH) return notFound(res);
       return respond(opts.render, () => {
         res.writeHead(200, { 'Content-Type': 'text/html; charset=utf-8', 'Cache-Control': 'no-store',

@@ -1,14 +1,16 @@
 'use strict';
 // End to end in Chromium: the demo page, from its three HTTPS origins,
-// loaded through the browser front, once with every Velora feature and once
-// directly.
+// loaded through the browser front, once with every Velora feature, once
+// directly and once on a second visit through the site's service worker.
 const { test, before, after } = require('node:test');
 const assert = require('node:assert/strict');
+const crypto = require('node:crypto');
 const path = require('node:path');
 const { BUILD, ROOT } = require('./helpers');
 
 const { chromiumMissing } = require(path.join(ROOT, 'demo', 'browser.js'));
 const { SCENARIOS, prepareSite, runScenario, checkPage } = require(path.join(ROOT, 'demo', 'harness.js'));
+const site = require(path.join(ROOT, 'demo', 'news_site.js'));
 
 const missing = chromiumMissing();
 const scenario = (name) => SCENARIOS.find((s) => s.name === name);
@@ -68,4 +70,30 @@ test('the same page loads directly over HTTPS, one HTTP/2 connection per origin'
   for (const [name, count] of Object.entries(perOrigin)) {
     assert.deepEqual(run.origins[name], { connections: 1, h2Sessions: 1, h2Streams: count, h1Requests: 0 }, name);
   }
+});
+
+test('the service worker installs, then serves the static files and streams shell plus live page', { skip: missing || false }, async () => {
+  const run = await runScenario(scenario('sw'), setup);
+  assert.equal(checkPage(run), null, run.failed);
+  // The first visit installed it with the whole static folder and the shell.
+  const manifest = site.precacheManifest(setup.workDir, setup.origins);
+  const stripped = (urls) => urls.map((url) => url.replace(/\?__WB_REVISION__=.*$/, '')).sort();
+  const expected = manifest.map((entry) => new URL(entry.url, setup.origins.page).href).sort();
+  assert.deepEqual(stripped(run.firstVisit.worker.cached), expected);
+  assert.equal(run.controlled, true);
+  // The measured visit took every static file from the precache: the static
+  // origin saw nothing of it.
+  const sources = Object.fromEntries(run.requests.map((r) => [r.path, r.source]));
+  for (const file of ['/static/site.css', '/static/app.js', '/static/vendor.js', '/static/img/hero.png']) {
+    assert.equal(sources[file], 'sw cache', file);
+  }
+  assert.equal(run.origins.static.connections + run.origins.static.h2Streams, 0);
+  assert.equal(sources['/api/comments'], 'engine');
+  // The page came from the worker: its shell then the live page from the
+  // marker on, byte for byte the page the server renders.
+  const live = Buffer.from(site.firstChunk(setup.origins) + site.renderedRest(setup.origins));
+  assert.equal(run.document.fromWorker, true);
+  assert.deepEqual({ bytes: run.document.bytes, sha256: run.document.sha256 },
+    { bytes: live.length, sha256: crypto.createHash('sha256').update(live).digest('hex') });
+  assert.ok(run.origins.page.h2Streams >= 1, 'the live page was asked of the origin');
 });

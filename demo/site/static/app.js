@@ -28,3 +28,11 @@
       document.body.dataset.comments = 'failed';
     });
 }());
+
+// The site's service worker, registered once the page has loaded so that
+// its precache does not compete with the page's own files.
+if ('serviceWorker' in navigator) {
+  window.addEventListener('load', () => {
+    navigator.serviceWorker.register('/sw.js').catch((error) => console.warn(`service worker: ${error.message}`));
+  });
+}
