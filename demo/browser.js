@@ -115,6 +115,54 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
   }
 }
 
+// The two-page flow: the visitor opens the home page, reads it for `dwellMs`,
+// then clicks the lead headline to the article. The article's times count
+// from the click (its event's time, on the clock every document of the
+// browser shares): FCP and LCP are when they painted after the click; DCL
+// and load, for a page prerendered before the click, are 0. `prerendered`
+// tells whether the article was activated from a prerender (its navigation
+// entry has an activationStart).
+async function visitFlow(browser, homeUrl, { dwellMs = 1000, screenshot, beforeNavigate, onHomeShown,
+  serviceWorkers = false } = {}) {
+  const persistent = typeof browser.newContext !== 'function';
+  const context = persistent ? browser
+    : await browser.newContext({ viewport: VIEWPORT, serviceWorkers: serviceWorkers ? 'allow' : 'block' });
+  try {
+    const page = await context.newPage();
+    let clickAt = null;
+    await page.exposeBinding('__veloraClick', (_, at) => { clickAt = at; });
+    await page.addInitScript(observePaints);
+    await page.addInitScript(() => {
+      document.addEventListener('click', (event) => window.__veloraClick(performance.timeOrigin + event.timeStamp),
+        true);
+    });
+    if (beforeNavigate) await beforeNavigate();
+    await page.goto(homeUrl, { waitUntil: 'load', timeout: 30000 });
+    if (onHomeShown) await onHomeShown();
+    await page.waitForTimeout(dwellMs);
+    await page.click('#lead');
+    await page.waitForFunction(() => document.body && document.body.dataset.comments, null, { timeout: 20000 });
+    await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(done))));
+    const metrics = await page.evaluate(readMetrics);
+    const origin = await page.evaluate(() => ({ timeOrigin: performance.timeOrigin,
+      activationStart: performance.getEntriesByType('navigation')[0].activationStart || 0,
+      deliveryType: performance.getEntriesByType('navigation')[0].deliveryType || '' }));
+    if (clickAt === null) throw new Error('the click was not seen');
+    const sinceClick = (at) => (at === null ? null : Math.max(0, origin.timeOrigin + at - clickAt));
+    for (const key of ['fcp', 'lcp', 'dcl', 'load']) metrics[key] = sinceClick(metrics[key]);
+    metrics.prerendered = origin.activationStart > 0;
+    // 'navigational-prefetch' when the article came from a speculative prefetch.
+    metrics.deliveryType = origin.deliveryType;
+    metrics.activationFromClick = metrics.prerendered ? sinceClick(origin.activationStart) : null;
+    if (screenshot) await page.screenshot({ path: screenshot });
+    metrics.controlled = await page.evaluate(() => Boolean(navigator.serviceWorker && navigator.serviceWorker.controller));
+    if (persistent) await page.close();
+    return metrics;
+  } finally {
+    if (!persistent) await context.close();
+  }
+}
+
 // Waits for the site's worker to be active (its precache filled) and tells
 // what its caches hold.
 async function workerState() {
@@ -126,4 +174,4 @@ async function workerState() {
   return { scope: registration.scope, active: registration.active.state, cached };
 }
 
-module.exports = { chromiumMissing, launchBrowser, visit, CHROMIUM };
+module.exports = { chromiumMissing, launchBrowser, visit, visitFlow, CHROMIUM };

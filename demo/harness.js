@@ -19,6 +19,12 @@ const SCENARIOS = [
   { name: 'combined', velora: true, package: true, prefetch: true, firstChunk: true },
   // The browser's own: the site's Workbox service worker, on a second visit.
   { name: 'sw', sw: true },
+  // Home page, then the click to the article, timed from the click: plain,
+  // and with the home page's speculation rules prefetching the article.
+  // (Prerender rules the home page has too, but Chromium does not prerender
+  // while DevTools drives it, as playwright does: PrerenderingDisabledByDevTools.)
+  { name: 'home>article', flow: true },
+  { name: 'speculation-prefetch', flow: true, speculate: 'prefetch' },
 ];
 
 function startSite(siteDir, opts, certs) {

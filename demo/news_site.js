@@ -257,6 +257,25 @@ function renderedRest(origins) {
     '<footer>Harbor News — a demo site for Velora</footer></body></html>';
 }
 
+// The site's home page: the headlines, the lead one the article. With
+// `speculate` ('prefetch' or 'prerender') it carries speculation rules for
+// the article, as a site does that wants the browser to fetch or render it
+// before the click.
+function homePage(origins, speculate) {
+  const assets = `${origins.static}/static`;
+  const rules = speculate
+    ? `<script type="speculationrules">${JSON.stringify({ [speculate]: [{ source: 'list', urls: [PAGE_PATH] }] })}</script>`
+    : '';
+  const items = [['Harbour lights return after three dark winters', PAGE_PATH], ...CARDS.map(([title]) => [title, '#'])];
+  return '<!DOCTYPE html><html lang="en"><head><meta charset="utf-8">' +
+    '<meta name="viewport" content="width=device-width,initial-scale=1">' +
+    `<title>Harbor News</title><link rel="icon" href="data:,"><link rel="stylesheet" href="${assets}/site.css">` +
+    `${rules}</head><body><header class="masthead"><div class="brand">Harbor<span>News</span></div></header>` +
+    '<main><section class="comments"><h2>Today</h2>' +
+    items.map(([title, href], i) => `<p><a id="${i === 0 ? 'lead' : `story-${i}`}" href="${href}">${title}</a></p>`).join('') +
+    '</section></main></body></html>';
+}
+
 function comments() {
   return {
     article: 'harbor-lights',
@@ -268,5 +287,5 @@ function comments() {
   };
 }
 
-module.exports = { buildSite, firstChunk, renderedRest, comments, precacheManifest, serviceWorker, PAGE_PATH,
+module.exports = { buildSite, firstChunk, renderedRest, homePage, comments, precacheManifest, serviceWorker, PAGE_PATH,
   PAGE_VERSION, MARKER, HOSTS, SHELL_PATH, WORKBOX_PATH };

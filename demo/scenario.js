@@ -13,7 +13,7 @@
 // session of the app did, and returns once the first chunk is stored.
 const fs = require('node:fs');
 const path = require('node:path');
-const { visit, launchBrowser } = require('./browser.js');
+const { visit, visitFlow, launchBrowser } = require('./browser.js');
 
 const ROOT = path.resolve(__dirname, '..');
 
@@ -120,8 +120,22 @@ async function run(options) {
       records.length = 0;
       logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
     };
-    const metrics = await visit(browser, pageUrl, { screenshot: options.screenshot, beforeNavigate,
-      serviceWorkers: sw });
+    let metrics;
+    if (scenario.flow) {  // home page first, then the click to the article
+      const home = new URL('/', pageUrl);
+      if (scenario.speculate) home.searchParams.set('speculate', scenario.speculate);
+      metrics = await visitFlow(browser, home.href, { screenshot: options.screenshot, serviceWorkers: sw,
+        dwellMs: options.dwellMs || 1000, beforeNavigate: async () => {
+          component = bind('page');
+          records.length = 0;
+          logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
+        } });
+      const article = metrics.resources.findIndex((entry) => new URL(entry.url).pathname === new URL(pageUrl).pathname);
+      if (article > 0) metrics.resources.unshift(...metrics.resources.splice(article, 1));
+    } else {
+      metrics = await visit(browser, pageUrl, { screenshot: options.screenshot, beforeNavigate,
+        serviceWorkers: sw });
+    }
     // The front records a request when its load has ended, just after the
     // browser got the last byte.
     for (let i = 0; i < 100 && records.length < metrics.resources.length; i++) await sleep(10);

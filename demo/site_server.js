@@ -23,7 +23,8 @@
 // Routes: the article page on the page's origin (server-rendered,
 // first-chunk headers; a request with "x-s-first-chunk: true" gets the first
 // chunk alone), with the site's service worker (/sw.js), the Workbox files it
-// loads (/workbox/...) and the page's shell for its precache, /static/... from the built site on the static origin,
+// loads (/workbox/...) and the page's shell for its precache, and the home
+// page (/, with ?speculate=prefetch|prerender its speculation rules), /static/... from the built site on the static origin,
 // /api/comments (30 ms of server time, CORS for the page's origin) on the
 // API's. Any other route, or one asked of the wrong origin, is a 404.
 const fs = require('node:fs');
@@ -113,6 +114,14 @@ function siteHandler(opts, origins, link, stats) {
 
   const routes = {
     page(req, res, url) {
+      if (url.pathname === '/') {
+        const speculate = url.searchParams.get('speculate');
+        const body = Buffer.from(site.homePage(origins, ['prefetch', 'prerender'].includes(speculate) ? speculate : null));
+        return respond(opts.render / 2, () => {
+          res.writeHead(200, { 'Content-Type': 'text/html; charset=utf-8', 'Cache-Control': 'no-store' });
+          link.send(res, body, true);
+        });
+      }
       if (url.pathname === '/sw.js') {
         return respond(0, () => {
           res.writeHead(200, { 'Content-Type': 'text/javascript', 'Cache-Control': 'no-cache' });

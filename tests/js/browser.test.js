@@ -97,3 +97,14 @@ test('the service worker installs, then serves the static files and streams shel
     { bytes: live.length, sha256: crypto.createHash('sha256').update(live).digest('hex') });
   assert.ok(run.origins.page.h2Streams >= 1, 'the live page was asked of the origin');
 });
+
+test('speculation rules on the home page prefetch the article the click then shows', { skip: missing || false }, async () => {
+  const before = await setup.count('/news/harbor-lights');
+  const run = await runScenario(scenario('speculation-prefetch'), setup);
+  assert.equal(checkPage(run), null, run.failed);
+  assert.equal(run.deliveryType, 'navigational-prefetch');
+  assert.equal(run.prerendered, false);
+  // Asked once, before the click; the times count from the click.
+  assert.equal(await setup.count('/news/harbor-lights') - before, 1);
+  assert.ok(run.fcp > 0, JSON.stringify(run));
+});
