@@ -87,13 +87,13 @@ void ExtraRoots::addTo(SSL_CTX* context) const {
   ERR_clear_error();
 }
 
-HostMap::HostMap(const std::string& spec) {
+HostMap::HostMap(const std::string& entries) {
   size_t start = 0;
-  while (start < spec.size()) {
-    size_t comma = spec.find(',', start);
+  while (start < entries.size()) {
+    size_t comma = entries.find(',', start);
     std::string entry =
-        spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-    start = comma == std::string::npos ? spec.size() : comma + 1;
+        entries.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    start = comma == std::string::npos ? entries.size() : comma + 1;
     if (entry.empty())
       continue;
     size_t equals = entry.find('=');

@@ -38,7 +38,7 @@ class ExtraRoots {
 // starting with "*." stands for every name under that suffix.
 class HostMap {
  public:
-  explicit HostMap(const std::string& spec);
+  explicit HostMap(const std::string& entries);
 
   bool empty() const { return entries_.empty(); }
   // The address `host` maps to, or "" when it is not mapped.

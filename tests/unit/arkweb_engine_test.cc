@@ -229,8 +229,7 @@ TEST(ArkWebEngine, ItsOwnLoadsOverTlsFollowRedirectsAndRefuseBadServers) {
   velora_test::OriginServer origin(velora_test::Transport::kHttpsH2);
   velora_test::HilogCapture hilog;
   auto web = WebComponent::create("engine-tls");
-  std::string other = origin.url("/bytes/4000");
-  other.replace(other.find("127.0.0.1"), 9, "localhost");
+  const std::string other = origin.otherOriginUrl("/bytes/4000");
   LoadResult redirected = web->loadAndWait({origin.url("/redirect?to=" + other)});
   EXPECT_FALSE(redirected.intercepted);
   EXPECT_EQ(redirected.error, 0);
@@ -240,7 +239,7 @@ TEST(ArkWebEngine, ItsOwnLoadsOverTlsFollowRedirectsAndRefuseBadServers) {
 
   for (const char* fault : {"untrusted", "expired", "tls10"}) {
     int responses = 0;
-    LoadOptions bad{"https://127.0.0.1:" + std::to_string(origin.faultPort(fault)) + "/"};
+    LoadOptions bad{origin.faultUrl(fault)};
     bad.onResponse = [&](int, const std::string&, const arkweb_host::HeaderList&) { ++responses; };
     LoadResult result = web->loadAndWait(bad);
     EXPECT_EQ(result.error, ARKWEB_ERR_FAILED) << fault;

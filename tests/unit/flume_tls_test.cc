@@ -23,11 +23,6 @@ using velora_test::Transport;
 
 namespace {
 
-std::string faultUrl(const OriginServer& origin, const std::string& fault) {
-  const std::string host = fault == "wrongHost" ? "localhost" : "127.0.0.1";
-  return "https://" + host + ":" + std::to_string(origin.faultPort(fault)) + "/";
-}
-
 // Starts every URL at once on the process session and waits for them all.
 std::vector<FetchResult> fetchAll(const std::vector<std::string>& urls) {
   std::vector<std::future<FetchResult>> pending;
@@ -47,20 +42,12 @@ TEST(FlumeTls, ServersABrowserWouldRefuseFailOnceBeforeAnyResponse) {
   const std::string probe = "env -u LD_PRELOAD curl -s -o /dev/null --cacert '" +
                             std::string(std::getenv("VELORA_CA_FILE")) +
                             "' --tlsv1.0 --tls-max 1.0 --ciphers DEFAULT@SECLEVEL=0 " +
-                            faultUrl(origin, "tls10");
+                            origin.faultUrl("tls10");
   ASSERT_EQ(std::system(probe.c_str()), 0);
   ASSERT_EQ(origin.tls().refusedReached, 1);
 
-  struct Case {
-    const char* fault;
-    const char* cause;  // in libcurl's message
-  };
-  for (const Case& c :
-       {Case{"untrusted", "unable to get local issuer certificate"},
-        Case{"selfSigned", "self-signed certificate"}, Case{"expired", "certificate has expired"},
-        Case{"wrongHost", "no alternative certificate subject name matches"},
-        Case{"tls10", "SSL"}}) {
-    FetchResult result = fetch(faultUrl(origin, c.fault));
+  for (const velora_test::RefusedServer& c : velora_test::refusedServers()) {
+    FetchResult result = fetch(origin.faultUrl(c.fault));
     EXPECT_FALSE(result.responded) << c.fault;
     EXPECT_EQ(result.events, "SME") << c.fault;
     EXPECT_NE(result.errorCode, 0) << c.fault;
@@ -74,7 +61,7 @@ TEST(FlumeTls, AHandshakeThatStallsEndsAtTheConnectTimeout) {
   OriginServer origin;
   flume::setDefaultTimeouts(500, 60000);
   auto started = std::chrono::steady_clock::now();
-  FetchResult result = fetch(faultUrl(origin, "stall"));
+  FetchResult result = fetch(origin.faultUrl("stall"));
   auto took = std::chrono::steady_clock::now() - started;
   flume::setDefaultTimeouts(30000, 60000);
   EXPECT_EQ(result.events, "SME");
@@ -278,7 +265,8 @@ TEST(FlumeTls, OnlyTheRootsFileAddsTrustAndMappedNamesNeedNoDns) {
             2);
   EXPECT_EQ(runChild("FetchTarget", {{"VELORA_TEST_TARGET", url}}), 0);
   // A name under .test, answered by the mapping; the certificate covers it.
-  const std::string named = "https://shop.velora.test:" + std::to_string(origin.port()) + "/bytes/10";
+  const std::string named =
+      "https://shop.velora.test:" + std::to_string(origin.port()) + "/bytes/10";
   EXPECT_EQ(runChild("FetchTarget",
                      {{"VELORA_TEST_TARGET", named},
                       {"VELORA_RESOLVE", "not an entry,x=not-an-address,*.test=127.0.0.1"}}),

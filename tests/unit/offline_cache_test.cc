@@ -222,7 +222,4 @@ TEST(RequestStatistics, TextsListEntriesInKeyOrderWithoutEscaping) {
   EXPECT_EQ(points[3].second, "code*F*7#L#msg*F*#L#url*F*U#L#");
 }
 
-INSTANTIATE_TEST_SUITE_P(,
-                         OfflineCacheOver,
-                         ::testing::ValuesIn(velora_test::allTransports()),
-                         velora_test::transportTestName);
+VELORA_OVER_EACH_TRANSPORT(OfflineCacheOver);

@@ -90,6 +90,27 @@ int OriginServer::tlsPort(Transport transport) const {
   return transport == Transport::kHttpsH1 ? https1Port_ : httpsPort_;
 }
 
+const std::vector<RefusedServer>& refusedServers() {
+  static const std::vector<RefusedServer> servers = {
+      {"untrusted", "unable to get local issuer certificate"},
+      {"selfSigned", "self-signed certificate"},
+      {"expired", "certificate has expired"},
+      {"wrongHost", "no alternative certificate subject name matches"},
+      {"tls10", "SSL"},
+  };
+  return servers;
+}
+
+std::string OriginServer::otherOriginUrl(const std::string& path) const {
+  std::string other = url(path);
+  return other.replace(other.find("127.0.0.1"), 9, "localhost");
+}
+
+std::string OriginServer::faultUrl(const std::string& name, const std::string& path) const {
+  const std::string host = name == "wrongHost" ? "localhost" : "127.0.0.1";
+  return "https://" + host + ":" + std::to_string(faultPort(name)) + path;
+}
+
 int OriginServer::faultPort(const std::string& name) const {
   for (const auto& [fault, port] : faultPorts_) {
     if (fault == name)

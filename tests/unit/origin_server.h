@@ -50,9 +50,13 @@ class OriginServer {
   // the counters below, which must not change what they count.
   std::string httpUrl(const std::string& path) const;
   int tlsPort(Transport transport) const;
+  // The same server under another name (localhost): another origin.
+  std::string otherOriginUrl(const std::string& path) const;
   // A listener that must be refused: untrusted, selfSigned, expired,
-  // wrongHost, tls10 or stall.
+  // wrongHost, tls10 or stall. Its URL names the host its certificate does
+  // not (localhost) for wrongHost, 127.0.0.1 for the others.
   int faultPort(const std::string& name) const;
+  std::string faultUrl(const std::string& name, const std::string& path = "/") const;
 
   // How many requests reached `path` so far.
   int count(const std::string& path) const;
@@ -71,6 +75,15 @@ class OriginServer {
   int https1Port_ = 0;
   std::vector<std::pair<std::string, int>> faultPorts_;
 };
+
+// A listener of the origin that a client must refuse, and the words of
+// libcurl's message that name why.
+struct RefusedServer {
+  const char* fault;
+  const char* cause;
+};
+// Every kind: untrusted, self-signed, expired, wrong host, TLS 1.0 only.
+const std::vector<RefusedServer>& refusedServers();
 
 // Makes the run's certificates (tests/origin/certs.js) once per process
 // unless VELORA_TEST_CERTS names them already, and points VELORA_TEST_CERTS

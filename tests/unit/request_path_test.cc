@@ -320,7 +320,7 @@ TEST(RequestPath, TwoThousandRequestsOverTwentyComponentsAtOnce) {
 
 TEST_P(RequestPathOver, RedirectsToAnotherOriginAndDownToCleartextAreFollowed) {
   BoundPage page("page");
-  std::vector<std::string> targets = {otherOriginUrl("/bytes/300")};
+  std::vector<std::string> targets = {origin.otherOriginUrl("/bytes/300")};
   if (overTls())
     targets.push_back(origin.httpUrl("/bytes/300"));
   for (const std::string& target : targets) {
@@ -341,20 +341,9 @@ TEST(RequestPathTls, ServersABrowserRefusesFailThePageOnceWithoutAStatus) {
   OriginServer origin;
   BoundPage page("page");
   tide::LogCapture log;
-  struct Case {
-    const char* fault;
-    const char* cause;
-  };
-  const std::vector<Case> cases = {{"untrusted", "unable to get local issuer certificate"},
-                                   {"selfSigned", "self-signed certificate"},
-                                   {"expired", "certificate has expired"},
-                                   {"wrongHost", "no alternative certificate subject name"},
-                                   {"tls10", "SSL"}};
-  for (const Case& c : cases) {
-    const std::string host = std::string(c.fault) == "wrongHost" ? "localhost" : "127.0.0.1";
-    const std::string url =
-        "https://" + host + ":" + std::to_string(origin.faultPort(c.fault)) + "/page";
-    LoadResult result = page.load(url);
+  const std::vector<velora_test::RefusedServer>& cases = velora_test::refusedServers();
+  for (const velora_test::RefusedServer& c : cases) {
+    LoadResult result = page.load(origin.faultUrl(c.fault, "/page"));
     EXPECT_TRUE(result.intercepted) << c.fault;
     EXPECT_EQ(result.error, ARKWEB_ERR_FAILED) << c.fault;
     EXPECT_EQ(result.status, 0) << c.fault;

@@ -654,7 +654,4 @@ TEST_F(SsrPath, AServersQueryRuleDecidesWhichVisitsTheChunkServes) {
   EXPECT_TRUE(visit("2"));
 }
 
-INSTANTIATE_TEST_SUITE_P(,
-                         SsrPathOver,
-                         ::testing::ValuesIn(velora_test::allTransports()),
-                         velora_test::transportTestName);
+VELORA_OVER_EACH_TRANSPORT(SsrPathOver);

@@ -18,11 +18,6 @@ namespace velora_test {
 class OverEachTransport : public ::testing::TestWithParam<Transport> {
  protected:
   bool overTls() const { return GetParam() != Transport::kHttp; }
-  // Another origin on the same server: the same port under another name.
-  std::string otherOriginUrl(const std::string& path) const {
-    std::string url = origin.url(path);
-    return url.replace(url.find("127.0.0.1"), 9, "localhost");
-  }
 
   OriginServer origin{GetParam()};
 };
