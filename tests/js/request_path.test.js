@@ -148,6 +148,32 @@ test('attach without init installs nothing; a second attach replaces the handler
   twice.destroy();
 });
 
+test('a bound page registered again takes the new prefetch over; the one it had is dropped', async () => {
+  const web = bind('flow');
+  assert.equal((await web.load({ url: suite.origin.url('/bytes/11'), mainFrame: true })).intercepted, true);
+  const stale = velora.prefetch({ url: suite.origin.url('/bytes/12'), method: 'GET', headers: [] });
+  velora.webviewNativeInit({ webTag: 'flow', prefetchId: stale, prefetchUrl: suite.origin.url('/bytes/12') });
+  // The page the visitor will open next, fetched while the first one shows.
+  const next = suite.origin.url('/bytes/1300');
+  const id = velora.prefetch({ url: next, method: 'GET', headers: [] });
+  velora.webviewNativeInit({ webTag: 'flow', prefetchId: id, prefetchUrl: next });
+  const dropped = events('removePrefetch').filter((e) => e.fields.id === stale);
+  assert.deepEqual(dropped.map((e) => e.fields.removed), [true]);
+  assert.deepEqual(events('rebind').filter((e) => e.id === 'flow').map((e) => e.fields),
+    [{ attached: true, droppedPrefetchId: '' }, { attached: true, droppedPrefetchId: stale }]);
+
+  const res = await web.load({ url: next, mainFrame: true });
+  assert.equal(res.intercepted, true);
+  assert.equal(res.body.length, 1300);
+  assert.ok(events('request').some((e) => e.fields.url === next && e.fields.prefetchHit && e.fields.prefetchId === id));
+  assert.equal(await suite.origin.count('/bytes/1300'), 1);
+  // The handler was not attached again, and the component still goes away whole.
+  assert.equal(events('setSchemeHandler').filter((e) => e.id === 'flow').length, 1);
+  web.destroy();
+  assert.ok(events('removePrefetch').some((e) => e.fields.id === id));
+  assert.equal((await web.load({ url: suite.origin.url('/bytes/11') })).intercepted, false);
+});
+
 test('only main frames are intercepted when asked, and the reason is logged', async () => {
   const page = bind('mainonly');
   velora.setNetworkInterceptOnlyMain(true);

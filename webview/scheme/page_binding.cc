@@ -1,7 +1,10 @@
 #include "scheme/page_binding.h"
 
+#include <memory>
+
 #include "hilog/log.h"
 #include "log_tags.h"
+#include "prefetch/prefetch_network.h"
 #include "scheme/scheme_handler.h"
 #include "scheme/web_info_manager.h"
 #include "tide_logger/log.h"
@@ -36,6 +39,30 @@ bool install(const char* scheme, const std::string& webTag, ArkWeb_SchemeHandler
   return false;
 }
 
+// A component registered again while it shows a page (an app handing it a
+// prefetch for the page it will open next): the installed handler now
+// serves `next`, and the prefetch only `previous` could have claimed is
+// dropped, as the destroy notice would have dropped it. A page still
+// loading from that prefetch keeps it to the end.
+void rebind(const std::shared_ptr<WebInfo>& previous, const std::shared_ptr<WebInfo>& next) {
+  if (ArkWeb_SchemeHandler* handler = previous->schemeHandler) {
+    if (auto* holder = static_cast<WebInfoHolder*>(OH_ArkWebSchemeHandler_GetUserData(handler)))
+      std::atomic_store(&holder->webInfo, next);
+    next->schemeHandler = handler;
+    previous->schemeHandler = nullptr;
+  }
+  bool dropped = false;
+  if (!previous->prefetchId.empty() && previous->prefetchId != next->prefetchId)
+    dropped = PrefetchNetwork::removePrefetch(previous->prefetchId);
+  tide::Log::build(tide::kInfo, kPageTag)
+      .event("rebind", next->webTag)
+      .key("attached")
+      .value(next->schemeHandler != nullptr)
+      .key("droppedPrefetchId")
+      .value(dropped ? previous->prefetchId : std::string())
+      .done();
+}
+
 }  // namespace
 
 void PageBinding::init(const std::shared_ptr<WebInfo>& webInfo) {
@@ -47,7 +74,12 @@ void PageBinding::init(const std::shared_ptr<WebInfo>& webInfo) {
       .key("prefetchUrl")
       .value(webInfo->prefetchUrl)
       .done();
+  std::shared_ptr<WebInfo> previous = WebInfoManager::getWebInfo(tag);
   WebInfoManager::setWebInfo(tag, webInfo);
+  if (previous) {  // its destroy notice is already asked for
+    rebind(previous, webInfo);
+    return;
+  }
   if (!g_componentApi) {
     g_componentApi =
         reinterpret_cast<ArkWeb_ComponentAPI*>(OH_ArkWeb_GetNativeAPI(ARKWEB_NATIVE_COMPONENT));

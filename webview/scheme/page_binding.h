@@ -13,7 +13,10 @@ namespace velora {
 class PageBinding {
  public:
   // Registers `webInfo` under its tag and asks the engine for the
-  // component's destroy notice. Script thread.
+  // component's destroy notice. For a tag already registered it replaces
+  // the record instead: the handler attached for it serves the new one
+  // (with its prefetch), and the old record's prefetch is removed.
+  // Script thread.
   static void init(const std::shared_ptr<WebInfo>& webInfo);
   // Installs a new scheme handler for the registered component `webTag`;
   // without a registered component nothing is installed. When the engine
