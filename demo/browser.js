@@ -1,8 +1,11 @@
 'use strict';
-// Headless Chromium (Debian's) driven by playwright-core, talking to the
-// network only through a proxy: what a person sees of a page load. HTTPS
-// goes through the proxy too (CONNECT), to a front that ends TLS itself with
-// a certificate Chromium is told to trust by its key.
+// Headless Chromium (Debian's), talking to the network only through a proxy:
+// what a person sees of a page load. HTTPS goes through the proxy too
+// (CONNECT), to a front that ends TLS itself with a certificate Chromium is
+// told to trust by its key. playwright-core drives the visits straight to a
+// page; puppeteer-core drives the two-page flow, because Chromium prerenders
+// only for DevTools clients that attach through the tab's target, as
+// puppeteer does and playwright does not (PrerenderingDisabledByDevTools).
 const crypto = require('node:crypto');
 const fs = require('node:fs');
 
@@ -17,10 +20,12 @@ const SANITIZER_ENV = ['LD_PRELOAD', 'ASAN_OPTIONS', 'LSAN_OPTIONS', 'UBSAN_OPTI
 // Why Chromium cannot be used here, or null when it can.
 function chromiumMissing() {
   if (!fs.existsSync(CHROMIUM)) return `no Chromium at ${CHROMIUM} (apt-get install chromium)`;
-  try {
-    require.resolve('playwright-core');
-  } catch {
-    return 'playwright-core is not installed (npm ci)';
+  for (const name of ['playwright-core', 'puppeteer-core']) {
+    try {
+      require.resolve(name);
+    } catch {
+      return `${name} is not installed (npm ci)`;
+    }
   }
   return null;
 }
@@ -43,24 +48,38 @@ async function launchBrowser(proxy, { trustKey, profile } = {}) {
 
 const VIEWPORT = { width: 1100, height: 860 };
 
-// Records the last largest-contentful-paint candidate before any page script runs.
-function observePaints() {
-  window.__velora = { lcp: null };
-  new PerformanceObserver((list) => {
-    const entries = list.getEntries();
-    window.__velora.lcp = entries[entries.length - 1].startTime;
-  }).observe({ type: 'largest-contentful-paint', buffered: true });
+// The browser for visitFlow: as launchBrowser, driven by puppeteer.
+async function launchFlowBrowser(proxy, { trustKey, profile } = {}) {
+  const puppeteer = require('puppeteer-core');
+  const env = { ...process.env };
+  for (const name of SANITIZER_ENV) delete env[name];
+  const args = [...FLAGS, '--no-sandbox', `--proxy-server=${proxy}`, '--proxy-bypass-list=<-loopback>'];
+  if (trustKey) args.push(`--ignore-certificate-errors-spki-list=${trustKey}`);
+  return puppeteer.launch({ executablePath: CHROMIUM, headless: true, args, env, userDataDir: profile,
+    defaultViewport: VIEWPORT, timeout: 60000 });
 }
 
-function readMetrics() {
+// The page's paint and load times and what it shows. The last
+// largest-contentful-paint candidate comes from the buffer Chromium keeps
+// for it, so no script of ours needs to run in the page before it loads.
+async function readMetrics() {
+  const lcp = await new Promise((resolve) => {
+    new PerformanceObserver((list, observer) => {
+      const entries = list.getEntries();
+      observer.disconnect();
+      resolve(entries[entries.length - 1].startTime);
+    }).observe({ type: 'largest-contentful-paint', buffered: true });
+    setTimeout(() => resolve(null), 2000);
+  });
   const nav = performance.getEntriesByType('navigation')[0];
   const fcp = performance.getEntriesByName('first-contentful-paint')[0];
   const timing = (entry) => ({ url: entry.name, start: entry.startTime, connectStart: entry.connectStart,
     secureConnectionStart: entry.secureConnectionStart, connectEnd: entry.connectEnd,
-    requestStart: entry.requestStart, responseStart: entry.responseStart, end: entry.responseEnd });
+    requestStart: entry.requestStart, responseStart: entry.responseStart, end: entry.responseEnd,
+    workerStart: entry.workerStart });
   return {
     fcp: fcp ? fcp.startTime : null,
-    lcp: window.__velora.lcp,
+    lcp,
     dcl: nav.domContentLoadedEventEnd,
     load: nav.loadEventEnd,
     resources: [timing(nav), ...performance.getEntriesByType('resource').map(timing)],
@@ -84,7 +103,6 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
     : await browser.newContext({ viewport: VIEWPORT, serviceWorkers: serviceWorkers ? 'allow' : 'block' });
   try {
     const page = await context.newPage();
-    await page.addInitScript(observePaints);
     // The document as the browser got it (from the worker, when one answered).
     let documentResponse = null;
     page.on('response', (response) => {
@@ -98,7 +116,7 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
     // Two frames for the last paint entries to come in.
     await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(done))));
     const metrics = await page.evaluate(readMetrics);
-    if (screenshot) await page.screenshot({ path: screenshot });
+    if (screenshot) await page.screenshot({ path: await settled(page, screenshot) });
     metrics.controlled = await page.evaluate(() => Boolean(navigator.serviceWorker && navigator.serviceWorker.controller));
     if (serviceWorkers) {
       metrics.worker = await page.evaluate(workerState);
@@ -115,33 +133,34 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
   }
 }
 
-// The two-page flow: the visitor opens the home page, reads it for `dwellMs`,
-// then clicks the lead headline to the article. The article's times count
-// from the click (its event's time, on the clock every document of the
-// browser shares): FCP and LCP are when they painted after the click; DCL
-// and load, for a page prerendered before the click, are 0. `prerendered`
-// tells whether the article was activated from a prerender (its navigation
-// entry has an activationStart).
+// The two-page flow, in a browser from launchFlowBrowser: the visitor opens
+// the home page, reads it for `dwellMs`, then clicks the lead headline to
+// the article. The article's times count from the click (its event's time,
+// on the clock every document of the browser shares): FCP and LCP are when
+// they painted after the click; DCL and load, for a page prerendered before
+// the click, are 0. `prerendered` tells whether the article was activated
+// from a prerender (its navigation entry has an activationStart). With
+// `persistent` the visit runs in the profile the browser was launched with;
+// otherwise in a fresh context (empty cache, no worker). `onHomeShown` runs
+// once the home page has loaded.
 async function visitFlow(browser, homeUrl, { dwellMs = 1000, screenshot, beforeNavigate, onHomeShown,
-  serviceWorkers = false } = {}) {
-  const persistent = typeof browser.newContext !== 'function';
-  const context = persistent ? browser
-    : await browser.newContext({ viewport: VIEWPORT, serviceWorkers: serviceWorkers ? 'allow' : 'block' });
+  persistent = false } = {}) {
+  const context = persistent ? browser.defaultBrowserContext() : await browser.createBrowserContext();
+  const page = await context.newPage();
   try {
-    const page = await context.newPage();
     let clickAt = null;
-    await page.exposeBinding('__veloraClick', (_, at) => { clickAt = at; });
-    await page.addInitScript(observePaints);
-    await page.addInitScript(() => {
+    await page.exposeFunction('__veloraClick', (at) => { clickAt = at; });
+    await page.evaluateOnNewDocument(() => {
       document.addEventListener('click', (event) => window.__veloraClick(performance.timeOrigin + event.timeStamp),
         true);
     });
     if (beforeNavigate) await beforeNavigate();
     await page.goto(homeUrl, { waitUntil: 'load', timeout: 30000 });
     if (onHomeShown) await onHomeShown();
-    await page.waitForTimeout(dwellMs);
+    await new Promise((resolve) => setTimeout(resolve, dwellMs));
     await page.click('#lead');
-    await page.waitForFunction(() => document.body && document.body.dataset.comments, null, { timeout: 20000 });
+    // The home page has no comments; waiting survives the change of document.
+    await page.waitForFunction(() => document.body && document.body.dataset.comments, { timeout: 20000 });
     await page.evaluate(() => new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(done))));
     const metrics = await page.evaluate(readMetrics);
     const origin = await page.evaluate(() => ({ timeOrigin: performance.timeOrigin,
@@ -154,13 +173,25 @@ async function visitFlow(browser, homeUrl, { dwellMs = 1000, screenshot, beforeN
     // 'navigational-prefetch' when the article came from a speculative prefetch.
     metrics.deliveryType = origin.deliveryType;
     metrics.activationFromClick = metrics.prerendered ? sinceClick(origin.activationStart) : null;
-    if (screenshot) await page.screenshot({ path: screenshot });
+    if (screenshot) await page.screenshot({ path: await settled(page, screenshot) });
     metrics.controlled = await page.evaluate(() => Boolean(navigator.serviceWorker && navigator.serviceWorker.controller));
-    if (persistent) await page.close();
     return metrics;
   } finally {
-    if (!persistent) await context.close();
+    if (persistent) await page.close();
+    else await context.close();
   }
+}
+
+// Once every image is decoded and drawn at its final quality (Chromium
+// may first draw a scaled image with a cheaper filter), for a screenshot
+// that compares pixel for pixel; returns `file`.
+async function settled(page, file) {
+  await page.evaluate(async () => {
+    await Promise.all([...document.images].map((img) => img.decode().catch(() => {})));
+    await new Promise((done) => setTimeout(done, 300));
+    await new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(done)));
+  });
+  return file;
 }
 
 // Waits for the site's worker to be active (its precache filled) and tells
@@ -174,4 +205,4 @@ async function workerState() {
   return { scope: registration.scope, active: registration.active.state, cached };
 }
 
-module.exports = { chromiumMissing, launchBrowser, visit, visitFlow, CHROMIUM };
+module.exports = { chromiumMissing, launchBrowser, launchFlowBrowser, visit, visitFlow, CHROMIUM };

@@ -1,12 +1,13 @@
 'use strict';
 // The main job: the Harbor News demo site loaded in headless Chromium under
 // realistic conditions, every request going through the host engine, once
-// per scenario: directly (the component not bound to Velora), through Velora
-// over the network, with the site's offline package, with a prefetch started
-// before navigation, from the stored first chunk (a second visit), and with
-// all of them; and through the site's own Workbox service worker on a second
-// visit in the same browser profile. Prints the medians and per request where it was answered
-// from; writes report.json, a screenshot per scenario and a waterfall.
+// per scenario (harness.js lists them): Velora's features alone and together,
+// beside what the browser and the site do without it (a Workbox service
+// worker, speculation rules), on a first-ever visit straight to the article,
+// on a later one, and on the two-page flow from the home page. Prints the
+// medians and per request where it was answered from; checks each
+// scenario's final page and screenshot; writes report.json, the screenshots
+// and a waterfall.
 // The site's three origins speak HTTPS with HTTP/2; --http serves them in
 // cleartext HTTP/1.1 instead, for comparison.
 //
@@ -21,6 +22,7 @@ const os = require('node:os');
 const path = require('node:path');
 const { CHROMIUM, chromiumMissing, launchBrowser } = require('./browser.js');
 const { SCENARIOS, prepareSite, runScenario, checkPage } = require('./harness.js');
+const { comparePixels, describe } = require('./pixels.js');
 const { waterfallHtml } = require('./waterfall.js');
 
 const ROOT = path.resolve(__dirname, '..');
@@ -59,6 +61,18 @@ const ms = (value) => (value === null ? '-' : String(Math.round(value)));
 const pad = (columns, widths) => columns.map((c, i) => String(c).padEnd(widths[i])).join(' ');
 
 const TRANSPORTS = { https: 'HTTPS (HTTP/2, TLS 1.3)', http: 'cleartext HTTP/1.1' };
+
+// The groups of rows, each with its plain row: the same visit with no help
+// at all.
+const GROUPS = [
+  { id: 'first', plain: 'direct',
+    title: 'First-ever visit straight to the article (empty cache, no worker, no stored first chunk)' },
+  { id: 'repeat', plain: 'direct', title: 'A later visit straight to the article' },
+  { id: 'flow', plain: 'home>article', title: 'Home page, then the click to the article (times from the click)' },
+];
+// The visit that installs the service worker is a first visit of its own.
+const SW_FIRST_VISIT = { name: 'sw (first visit)', group: 'first', peer: true };
+const ROWS = SCENARIOS.flatMap((s) => (s.name === 'direct' ? [s, SW_FIRST_VISIT] : [s]));
 
 // How the site was reached, for the report.
 function transportOf(setup, opts) {
@@ -115,38 +129,60 @@ async function main() {
       `${opts.prefetchLeadMs} ms before navigation`;
     console.log(`${title}\n${opts.runs} runs per scenario, interleaved; load average ` +
       `${os.loadavg().map((l) => l.toFixed(2)).join(' ')}\n`);
-    const runs = new Map(SCENARIOS.map((s) => [s.name, []]));
+    const runs = new Map(ROWS.map((s) => [s.name, []]));
     const failures = [];
+    const keep = (name, run) => {
+      const problem = checkPage(run);
+      if (problem) failures.push(`${name}: ${problem}`);
+      else runs.get(name).push(run);
+    };
     for (let round = 0; round < opts.runs; round++) {
       for (let i = 0; i < SCENARIOS.length; i++) {
         const scenario = SCENARIOS[(i + round) % SCENARIOS.length];
         const shot = round === opts.runs - 1 ? path.join(opts.out, `${scenario.name}.png`) : undefined;
         const run = await runScenario(scenario, setup, shot);
-        const problem = checkPage(run);
-        if (problem) failures.push(`${scenario.name}: ${problem}`);
-        else runs.get(scenario.name).push(run);
+        keep(scenario.name, run);
+        if (run.firstVisit) keep(SW_FIRST_VISIT.name, { ...run.firstVisit, scenario: SW_FIRST_VISIT.name });
         process.stdout.write('.');
       }
     }
-    process.stdout.write('\n\n');
+    process.stdout.write('\n');
 
-    const widths = [20, 7, 7, 7, 7, 14];
-    console.log(pad(['scenario (ms)', 'FCP', 'LCP', 'DCL', 'load', 'direct FCP / FCP'], widths));
     const summary = [];
-    for (const scenario of SCENARIOS) {
-      const list = runs.get(scenario.name);
+    for (const row of ROWS) {
+      const list = runs.get(row.name);
       if (list.length === 0) continue;
       const med = {};
       for (const key of ['fcp', 'lcp', 'dcl', 'load']) med[key] = median(list.map((run) => run[key]));
-      summary.push({ scenario: scenario.name, median: med, runs: list,
+      summary.push({ scenario: row.name, group: row.group, peer: Boolean(row.peer), median: med, runs: list,
         representative: representative(list, med.fcp) });
     }
-    const direct = summary.find((s) => s.scenario === 'direct');
-    for (const s of summary) {
-      const speedup = direct && s.median.fcp ? `${(direct.median.fcp / s.median.fcp).toFixed(1)}×` : '-';
-      s.fcpSpeedup = direct && s.median.fcp ? direct.median.fcp / s.median.fcp : null;
-      console.log(pad([s.scenario, ms(s.median.fcp), ms(s.median.lcp), ms(s.median.dcl), ms(s.median.load),
-        s === direct ? '' : speedup], widths));
+    const ratio = (base, s) => (base && s.median.fcp ? base / s.median.fcp : null);
+    const times = (value) => (value === null ? '-' : `${value.toFixed(1)}×`);
+    const widths = [30, 6, 6, 6, 6, 8, 11, 16];
+    for (const group of GROUPS) {
+      const rows = summary.filter((s) => s.group === group.id);
+      if (rows.length === 0) continue;
+      const plain = summary.find((s) => s.scenario === group.plain);
+      const peers = rows.filter((s) => s.peer && s.median.fcp !== null);
+      const best = peers.length ? peers.reduce((a, b) => (b.median.fcp < a.median.fcp ? b : a)) : null;
+      console.log(`\n${group.title}; best peer ${best ? best.scenario : '-'}`);
+      console.log(pad(['scenario (ms)', 'FCP', 'LCP', 'DCL', 'load', '×plain', '×best peer', 'pixels'], widths));
+      for (const s of rows) {
+        s.fcpVsPlain = s === plain ? null : ratio(plain && plain.median.fcp, s);
+        s.fcpVsBestPeer = ratio(best && best.median.fcp, s);
+        s.bestPeer = best ? best.scenario : null;
+        // The last round's screenshot against direct's.
+        const shot = path.join(opts.out, `${s.scenario}.png`);
+        const reference = path.join(opts.out, 'direct.png');
+        if (s.scenario !== 'direct' && fs.existsSync(shot) && fs.existsSync(reference)) {
+          const compared = comparePixels(reference, shot);
+          s.pixels = { ...compared, text: describe(compared) };
+          if (!compared.same) failures.push(`${s.scenario}: screenshot ${s.pixels.text} from direct's`);
+        }
+        console.log(pad([s.scenario, ms(s.median.fcp), ms(s.median.lcp), ms(s.median.dcl), ms(s.median.load),
+          times(s.fcpVsPlain), times(s.fcpVsBestPeer), s.pixels ? s.pixels.text : ''], widths));
+      }
     }
     for (const s of summary) {
       console.log(`\n${s.scenario}: request            answered from          status  bytes    ttfb ms`);
@@ -162,7 +198,7 @@ async function main() {
       prefetchLeadMs: opts.prefetchLeadMs, runs: opts.runs }, transport: transportOf(setup, opts),
     loadAverage: os.loadavg(),
     chromium: execFileSync(CHROMIUM, ['--version'], { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] }).trim(),
-    scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
+    groups: GROUPS, scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
     fs.writeFileSync(path.join(opts.out, 'report.json'), `${JSON.stringify(report, null, 2)}\n`);
     const htmlFile = path.join(opts.out, 'waterfall.html');
     fs.writeFileSync(htmlFile, waterfallHtml(summary.map((s) => s.representative), title));

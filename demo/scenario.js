@@ -9,11 +9,12 @@
 //
 // Prints the result as one JSON line: the page's paint and load times, and
 // per request where it was answered from and its time to first byte. With
-// "firstVisit": true it visits the page once unmeasured, as an earlier
-// session of the app did, and returns once the first chunk is stored.
+// "firstVisit": true it is an earlier session's visit straight to the page:
+// for the service worker scenarios the measured visit that installs it; for
+// the others an unmeasured one that returns once the first chunk is stored.
 const fs = require('node:fs');
 const path = require('node:path');
-const { visit, visitFlow, launchBrowser } = require('./browser.js');
+const { visit, visitFlow, launchBrowser, launchFlowBrowser } = require('./browser.js');
 
 const ROOT = path.resolve(__dirname, '..');
 
@@ -25,6 +26,12 @@ function readLog(file, offset) {
 
 function hasHeader(headers, name) {
   return headers.some(([key]) => key.toLowerCase() === name);
+}
+
+// Where a request the browser made but the front never saw was answered
+// from: the worker's caches or the browser's own.
+function cacheOf(entry) {
+  return entry.workerStart > 0 ? 'sw cache' : 'browser cache';
 }
 
 // Where a request was answered from, as the module's log and the response
@@ -69,8 +76,10 @@ async function run(options) {
   const records = [];
   const given = options.front || {};
   const tls = given.tls ? { cert: fs.readFileSync(given.tls.cert), key: fs.readFileSync(given.tls.key) } : null;
+  // The site has its service worker only in the scenarios that measure it
+  // (playwright blocks it in the others, but cannot in a prerendered page).
   const front = await startBrowserFront({ component: () => component, onRequest: (r) => records.push(r),
-    names: given.names || [], tls });
+    names: given.names || [], tls, missing: (url) => !scenario.sw && url.pathname === '/sw.js' });
   let browser = null;
   const bind = (tag, prefetchId = '', prefetchUrl = '') => {
     const web = host.createWebComponent(tag);
@@ -80,14 +89,17 @@ async function run(options) {
     }
     return web;
   };
+  const logSize = () => (fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0);
   try {
     // The site's service worker lives in a browser profile kept across the
     // visits, as a person's browser keeps it; other scenarios start empty.
+    // An earlier session's visit goes straight to the article.
     const sw = Boolean(scenario.sw);
-    browser = await launchBrowser(front.proxy, { trustKey: tls ? spkiHash(tls.cert) : undefined,
-      profile: sw ? options.profile : undefined });
+    const flow = Boolean(scenario.flow) && !options.firstVisit;
+    browser = await (flow ? launchFlowBrowser : launchBrowser)(front.proxy,
+      { trustKey: tls ? spkiHash(tls.cert) : undefined, profile: sw ? options.profile : undefined });
     // The browser's own start-up (first renderer) is not the page's time.
-    if (sw) {
+    if (flow || sw) {
       const blank = await browser.newPage();
       await blank.goto('about:blank');
       await blank.close();
@@ -97,13 +109,7 @@ async function run(options) {
       await context.close();
     }
 
-    if (options.firstVisit && sw) {  // installs the worker and fills its precache
-      component = bind('first-visit');
-      const first = await visit(browser, pageUrl, { serviceWorkers: true });
-      return { scenario: scenario.name, firstVisit: true, worker: first.worker };
-    }
-
-    if (options.firstVisit) {  // stores the first chunk for a later session
+    if (options.firstVisit && !sw) {  // stores the first chunk for a later session
       component = bind('first-visit');
       await visit(browser, pageUrl);
       if (!await firstChunkStored(process.env.VELORA_LOG)) throw new Error('the first chunk was not stored');
@@ -118,17 +124,23 @@ async function run(options) {
       component = bind('page', prefetchId, scenario.prefetch ? pageUrl : '');
       if (scenario.prefetch) await sleep(options.prefetchLeadMs);
       records.length = 0;
-      logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
+      logOffset = logSize();
     };
     let metrics;
-    if (scenario.flow) {  // home page first, then the click to the article
+    if (flow) {  // home page first, then the click to the article
       const home = new URL('/', pageUrl);
       if (scenario.speculate) home.searchParams.set('speculate', scenario.speculate);
-      metrics = await visitFlow(browser, home.href, { screenshot: options.screenshot, serviceWorkers: sw,
-        dwellMs: options.dwellMs || 1000, beforeNavigate: async () => {
-          component = bind('page');
+      metrics = await visitFlow(browser, home.href, { screenshot: options.screenshot, persistent: sw,
+        dwellMs: options.dwellMs || 1000,
+        beforeNavigate: async () => { component = bind('page'); },
+        onHomeShown: async () => {
+          // What follows is the article's: the home page's requests are over.
           records.length = 0;
-          logOffset = fs.existsSync(process.env.VELORA_LOG) ? fs.statSync(process.env.VELORA_LOG).size : 0;
+          logOffset = logSize();
+          if (scenario.prefetch) {  // the app's counterpart of a speculation rule
+            const prefetchId = velora.prefetch({ url: pageUrl, method: 'GET', headers: [] });
+            velora.webviewNativeInit({ webTag: 'page', prefetchId, prefetchUrl: pageUrl });
+          }
         } });
       const article = metrics.resources.findIndex((entry) => new URL(entry.url).pathname === new URL(pageUrl).pathname);
       if (article > 0) metrics.resources.unshift(...metrics.resources.splice(article, 1));
@@ -141,7 +153,8 @@ async function run(options) {
     for (let i = 0; i < 100 && records.length < metrics.resources.length; i++) await sleep(10);
     const log = readLog(process.env.VELORA_LOG, logOffset);
     const timings = new Map(metrics.resources.map((entry) => [entry.url, entry]));
-    const requests = records.map((record) => ({
+    // In the flow, the article's own (the worker it registers fetches more).
+    const requests = records.filter((record) => !flow || timings.has(record.url)).map((record) => ({
       url: record.url,
       path: new URL(record.url).pathname,
       mainFrame: record.mainFrame,
@@ -154,15 +167,15 @@ async function run(options) {
         ? record.timing.firstByte - record.timing.start : null,
       browser: timings.get(record.url) || null,
     }));
-    // What the service worker answered from its caches never reached the front.
+    // What a cache answered never reached the front.
     const seen = new Set(records.map((record) => record.url));
     for (const entry of metrics.resources) {
       if (seen.has(entry.url)) continue;
       requests.push({ url: entry.url, path: new URL(entry.url).pathname, mainFrame: entry === metrics.resources[0],
-        protocol: null, source: 'sw cache', status: null, error: null, bytes: null, ttfb: null, browser: entry });
+        protocol: null, source: cacheOf(entry), status: null, error: null, bytes: null, ttfb: null, browser: entry });
     }
     delete metrics.resources;
-    return { scenario: scenario.name, ...metrics, requests };
+    return { scenario: scenario.name, firstVisit: Boolean(options.firstVisit), ...metrics, requests };
   } finally {
     if (component) component.destroy();
     try {

@@ -10,7 +10,8 @@
 //   const front = await startBrowserFront({ component: () => web, onRequest(record) {},
 //     log(line) {} /* stderr by default */, maxBufferedBytes: 32 << 20 /* the default */,
 //     names: ['news.harbor.test'] /* forwarded besides loopback */,
-//     tls: { key, cert } /* PEM: answers CONNECT for those names, loopback too */ });
+//     tls: { key, cert } /* PEM: answers CONNECT for those names, loopback too */,
+//     missing: (url) => false /* true: answered 404 here, as if the site had no such file */ });
 //   // chromium --proxy-server=http://127.0.0.1:${front.port} --proxy-bypass-list='<-loopback>'
 //   //   --ignore-certificate-errors-spki-list=<SHA-256 of the key of tls.cert, base64>
 //   await front.close();
@@ -200,6 +201,7 @@ function readBody(req) {
 // is the most body bytes that waited for the client at once while it lagged;
 // record.protocol is what the browser spoke to the front ('h2', 'http/1.1').
 async function forward(req, res, target, options) {
+  if (options.missing && options.missing(target)) return refuse(res, 404, 'not part of this site');
   const web = options.component();
   if (!web) return refuse(res, 503, 'no web component to load into');
   const record = { url: target.href, method: req.method, mainFrame: isMainFrame(req.headers),

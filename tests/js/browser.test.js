@@ -1,33 +1,40 @@
 'use strict';
 // End to end in Chromium: the demo page, from its three HTTPS origins,
-// loaded through the browser front, once with every Velora feature, once
-// directly and once on a second visit through the site's service worker.
+// loaded through the browser front: with every Velora feature, directly,
+// on a second visit through the site's service worker, and on the two-page
+// flow with speculation rules and with Velora's prefetch.
 const { test, before, after } = require('node:test');
 const assert = require('node:assert/strict');
 const crypto = require('node:crypto');
+const fs = require('node:fs');
 const path = require('node:path');
 const { BUILD, ROOT } = require('./helpers');
 
 const { chromiumMissing } = require(path.join(ROOT, 'demo', 'browser.js'));
 const { SCENARIOS, prepareSite, runScenario, checkPage } = require(path.join(ROOT, 'demo', 'harness.js'));
 const site = require(path.join(ROOT, 'demo', 'news_site.js'));
+const { comparePixels } = require(path.join(ROOT, 'demo', 'pixels.js'));
 
 const missing = chromiumMissing();
 const scenario = (name) => SCENARIOS.find((s) => s.name === name);
 let setup = null;
+let shots = null;
 
 before(async () => {
-  if (!missing) setup = await prepareSite(BUILD, { rtt: 20, kbps: 200000, render: 150, prefetchLeadMs: 50 });
+  if (missing) return;
+  setup = await prepareSite(BUILD, { rtt: 20, kbps: 200000, render: 150, prefetchLeadMs: 50 });
+  shots = fs.mkdtempSync(path.join(setup.workDir, 'shots-'));
 });
 after(() => {
   if (setup) setup.stop();
 });
+const shot = (name) => path.join(shots, `${name.replace(/[^a-z0-9+-]/g, '_')}.png`);
 
 // Which of the site's origins served `url`.
 const originOf = (url) => Object.keys(setup.origins).find((name) => new URL(url).origin === setup.origins[name]);
 
 test('the demo page paints through Velora from prefetch, first chunk and package', { skip: missing || false }, async () => {
-  const run = await runScenario(scenario('combined'), setup);
+  const run = await runScenario(scenario('combined'), setup, shot('combined'));
   assert.equal(checkPage(run), null, run.failed);
   const sources = Object.fromEntries(run.requests.map((r) => [r.path, r.source]));
   assert.equal(sources['/news/harbor-lights'], 'prefetch+first chunk');
@@ -49,7 +56,7 @@ test('the demo page paints through Velora from prefetch, first chunk and package
 });
 
 test('the same page loads directly over HTTPS, one HTTP/2 connection per origin', { skip: missing || false }, async () => {
-  const run = await runScenario(scenario('direct'), setup);
+  const run = await runScenario(scenario('direct'), setup, shot('direct'));
   assert.equal(checkPage(run), null, run.failed);
   const paths = run.requests.map((r) => r.path);
   for (const file of ['/news/harbor-lights', '/static/site.css', '/static/img/hero.png', '/api/comments']) {
@@ -104,7 +111,39 @@ test('speculation rules on the home page prefetch the article the click then sho
   assert.equal(checkPage(run), null, run.failed);
   assert.equal(run.deliveryType, 'navigational-prefetch');
   assert.equal(run.prerendered, false);
+  // Without the worker scenarios' site the article registers no worker.
+  assert.equal(run.controlled, false);
   // Asked once, before the click; the times count from the click.
   assert.equal(await setup.count('/news/harbor-lights') - before, 1);
   assert.ok(run.fcp > 0, JSON.stringify(run));
+});
+
+test('a prerender rule renders the article before the click, which then activates it', { skip: missing || false }, async () => {
+  const before = await setup.count('/news/harbor-lights');
+  const run = await runScenario(scenario('speculation-prerender'), setup, shot('speculation-prerender'));
+  assert.equal(checkPage(run), null, run.failed);
+  assert.equal(run.prerendered, true, JSON.stringify(run));
+  assert.ok(run.activationFromClick !== null && run.activationFromClick < 1000, JSON.stringify(run));
+  // Everything the article needed was fetched before the click.
+  assert.equal(run.dcl, 0);
+  assert.equal(await setup.count('/news/harbor-lights') - before, 1);
+});
+
+test('Velora\'s prefetch started when the home page shows serves the click', { skip: missing || false }, async () => {
+  const before = await setup.count('/news/harbor-lights');
+  const run = await runScenario(scenario('home>article velora+prefetch'), setup, shot('velora-flow'));
+  assert.equal(checkPage(run), null, run.failed);
+  const article = run.requests.find((r) => r.path === '/news/harbor-lights');
+  assert.equal(article.source, 'prefetch');
+  assert.equal(article.mainFrame, true);
+  assert.equal(await setup.count('/news/harbor-lights') - before, 1);
+  // Only the article's requests are listed, not the home page's.
+  assert.ok(!run.requests.some((r) => r.path === '/'), JSON.stringify(run.requests.map((r) => r.path)));
+});
+
+test('every scenario above shows what the direct load shows', { skip: missing || false }, async () => {
+  for (const name of ['combined', 'speculation-prerender', 'velora-flow']) {
+    const compared = comparePixels(shot('direct'), shot(name));
+    assert.ok(compared.same, `${name}: ${JSON.stringify(compared)}`);
+  }
 });
