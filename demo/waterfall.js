@@ -1,9 +1,11 @@
 'use strict';
-// The report as a picture: one waterfall per scenario on a common time
-// scale, each request's bar coloured by where it was answered from, with
-// first contentful paint, largest contentful paint and load marked.
+// The report as a picture: one waterfall per visit straight to the article,
+// on a common time scale, each request's bar coloured by where it was
+// answered from, with first contentful paint, largest contentful paint and
+// load marked.
 const COLORS = { engine: '#8a94a0', network: '#3f7cc4', package: '#2e9e6a', prefetch: '#d08a1c',
-  'first chunk': '#c8553d', 'prefetch+first chunk': '#9b3fb5', 'sw cache': '#1a9aa0' };
+  'first chunk': '#c8553d', 'prefetch+first chunk': '#9b3fb5', 'sw cache': '#1a9aa0',
+  'browser cache': '#b8a11c' };
 const MARKS = [['fcp', 'FCP', '#1b8a3a'], ['lcp', 'LCP', '#7d3cc8'], ['load', 'load', '#444']];
 
 const escape = (text) => String(text).replace(/[&<>"]/g, (c) => ({ '&': '&amp;', '<': '&lt;',
