@@ -135,8 +135,9 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
 
 // The two-page flow, in a browser from launchFlowBrowser: the visitor opens
 // the home page, reads it for `dwellMs`, then clicks the lead headline to
-// the article. The article's times count from the click (its event's time,
-// on the clock every document of the browser shares): FCP and LCP are when
+// the article. The article's times, its requests' among them, count from
+// the click (its event's time, on the clock every document of the browser
+// shares): FCP and LCP are when
 // they painted after the click; DCL and load, for a page prerendered before
 // the click, are 0. `prerendered` tells whether the article was activated
 // from a prerender (its navigation entry has an activationStart). With
@@ -169,6 +170,10 @@ async function visitFlow(browser, homeUrl, { dwellMs = 1000, screenshot, beforeN
     if (clickAt === null) throw new Error('the click was not seen');
     const sinceClick = (at) => (at === null ? null : Math.max(0, origin.timeOrigin + at - clickAt));
     for (const key of ['fcp', 'lcp', 'dcl', 'load']) metrics[key] = sinceClick(metrics[key]);
+    // The requests' times too, those made before the click negative.
+    for (const entry of metrics.resources) {
+      for (const key of ['start', 'responseStart', 'end']) entry[key] += origin.timeOrigin - clickAt;
+    }
     metrics.prerendered = origin.activationStart > 0;
     // 'navigational-prefetch' when the article came from a speculative prefetch.
     metrics.deliveryType = origin.deliveryType;

@@ -201,9 +201,7 @@ async function main() {
     groups: GROUPS, scenarios: summary.map(({ representative: _, ...rest }) => rest), failures };
     fs.writeFileSync(path.join(opts.out, 'report.json'), `${JSON.stringify(report, null, 2)}\n`);
     const htmlFile = path.join(opts.out, 'waterfall.html');
-    // The flow's requests partly come before the click its times count from.
-    fs.writeFileSync(htmlFile, waterfallHtml(summary.filter((s) => s.group !== 'flow').map((s) => s.representative),
-      title));
+    fs.writeFileSync(htmlFile, waterfallHtml(summary.map((s) => s.representative), title));
     await renderWaterfall(htmlFile, path.join(opts.out, 'waterfall.png'));
     console.log(`\nreport, screenshots and waterfall: ${opts.out}`);
     if (failures.length > 0) {

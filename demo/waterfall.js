@@ -1,8 +1,8 @@
 'use strict';
-// The report as a picture: one waterfall per visit straight to the article,
-// on a common time scale, each request's bar coloured by where it was
-// answered from, with first contentful paint, largest contentful paint and
-// load marked.
+// The report as a picture: one waterfall per scenario on a common time
+// scale, each request's bar coloured by where it was answered from, with
+// first contentful paint, largest contentful paint and load marked. The
+// flow's times count from the click; what happened before it starts at 0.
 const COLORS = { engine: '#8a94a0', network: '#3f7cc4', package: '#2e9e6a', prefetch: '#d08a1c',
   'first chunk': '#c8553d', 'prefetch+first chunk': '#9b3fb5', 'sw cache': '#1a9aa0',
   'browser cache': '#b8a11c' };
@@ -17,7 +17,8 @@ function section(run, scale, width) {
     .filter((request) => request.browser)
     .sort((a, b) => a.browser.start - b.browser.start)
     .map((request) => {
-      const { start, responseStart, end } = request.browser;
+      const [start, responseStart, end] = ['start', 'responseStart', 'end']
+        .map((key) => Math.max(0, request.browser[key]));
       const color = COLORS[request.source] || '#999';
       return '<div class="row">' +
         `<div class="label">${escape(request.path)} <i style="color:${color}">${escape(request.source)}</i></div>` +
@@ -64,7 +65,7 @@ h2 small{font-weight:normal;color:#555;margin-left:8px}
 <h1>${escape(title)}</h1><div class="legend">${legend}
 <span><b style="background:#d5dae0"></b>waiting for the first byte</span></div>
 ${runs.map((run) => section(run, scale, width)).join('\n')}
-<div class="axis">${ticks.join('')}</div><div style="margin-left:290px;color:#777">ms after navigation start</div>
+<div class="axis">${ticks.join('')}</div><div style="margin-left:290px;color:#777">ms after navigation start (the flow: after the click)</div>
 </body></html>`;
 }
 
