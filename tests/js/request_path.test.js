@@ -150,9 +150,9 @@ test('attach without init installs nothing; a second attach replaces the handler
 
 test('a bound page registered again takes the new prefetch over; the one it had is dropped', async () => {
   const web = bind('flow');
-  assert.equal((await web.load({ url: suite.origin.url('/bytes/11'), mainFrame: true })).intercepted, true);
-  const stale = velora.prefetch({ url: suite.origin.url('/bytes/12'), method: 'GET', headers: [] });
-  velora.webviewNativeInit({ webTag: 'flow', prefetchId: stale, prefetchUrl: suite.origin.url('/bytes/12') });
+  assert.equal((await web.load({ url: suite.origin.url('/bytes/1101'), mainFrame: true })).intercepted, true);
+  const stale = velora.prefetch({ url: suite.origin.url('/bytes/1202'), method: 'GET', headers: [] });
+  velora.webviewNativeInit({ webTag: 'flow', prefetchId: stale, prefetchUrl: suite.origin.url('/bytes/1202') });
   // The page the visitor will open next, fetched while the first one shows.
   const next = suite.origin.url('/bytes/1300');
   const id = velora.prefetch({ url: next, method: 'GET', headers: [] });
@@ -171,7 +171,7 @@ test('a bound page registered again takes the new prefetch over; the one it had 
   assert.equal(events('setSchemeHandler').filter((e) => e.id === 'flow').length, 1);
   web.destroy();
   assert.ok(events('removePrefetch').some((e) => e.fields.id === id));
-  assert.equal((await web.load({ url: suite.origin.url('/bytes/11') })).intercepted, false);
+  assert.equal((await web.load({ url: suite.origin.url('/bytes/1101') })).intercepted, false);
 });
 
 test('only main frames are intercepted when asked, and the reason is logged', async () => {
