@@ -30,6 +30,17 @@ function chromiumMissing() {
   return null;
 }
 
+// Our environment without the sanitizer runtimes, and Chromium's flags with
+// the proxy's key trusted.
+function browserEnv() {
+  const env = { ...process.env };
+  for (const name of SANITIZER_ENV) delete env[name];
+  return env;
+}
+function browserArgs(trustKey) {
+  return trustKey ? [...FLAGS, `--ignore-certificate-errors-spki-list=${trustKey}`] : FLAGS;
+}
+
 // `trustKey`: the base64 SHA-256 of the public key the proxy's TLS
 // certificate holds; certificates with that key are taken whatever they say.
 // With `profile` (a folder) the browser keeps its profile there, service
@@ -37,11 +48,9 @@ function chromiumMissing() {
 // a browser context of its own (playwright's persistent context).
 async function launchBrowser(proxy, { trustKey, profile } = {}) {
   const { chromium } = require('playwright-core');
-  const env = { ...process.env };
-  for (const name of SANITIZER_ENV) delete env[name];
-  const args = trustKey ? [...FLAGS, `--ignore-certificate-errors-spki-list=${trustKey}`] : FLAGS;
   // Playwright proxies loopback too ("<-loopback>" in the bypass list).
-  const common = { executablePath: CHROMIUM, headless: true, args, env, proxy: { server: proxy }, timeout: 60000 };
+  const common = { executablePath: CHROMIUM, headless: true, args: browserArgs(trustKey), env: browserEnv(),
+    proxy: { server: proxy }, timeout: 60000 };
   if (profile) return chromium.launchPersistentContext(profile, { ...common, viewport: VIEWPORT });
   return chromium.launch(common);
 }
@@ -51,11 +60,8 @@ const VIEWPORT = { width: 1100, height: 860 };
 // The browser for visitFlow: as launchBrowser, driven by puppeteer.
 async function launchFlowBrowser(proxy, { trustKey, profile } = {}) {
   const puppeteer = require('puppeteer-core');
-  const env = { ...process.env };
-  for (const name of SANITIZER_ENV) delete env[name];
-  const args = [...FLAGS, '--no-sandbox', `--proxy-server=${proxy}`, '--proxy-bypass-list=<-loopback>'];
-  if (trustKey) args.push(`--ignore-certificate-errors-spki-list=${trustKey}`);
-  return puppeteer.launch({ executablePath: CHROMIUM, headless: true, args, env, userDataDir: profile,
+  const args = [...browserArgs(trustKey), '--no-sandbox', `--proxy-server=${proxy}`, '--proxy-bypass-list=<-loopback>'];
+  return puppeteer.launch({ executablePath: CHROMIUM, headless: true, args, env: browserEnv(), userDataDir: profile,
     defaultViewport: VIEWPORT, timeout: 60000 });
 }
 
@@ -137,9 +143,8 @@ async function visit(browser, url, { screenshot, beforeNavigate, serviceWorkers 
 // the home page, reads it for `dwellMs`, then clicks the lead headline to
 // the article. The article's times, its requests' among them, count from
 // the click (its event's time, on the clock every document of the browser
-// shares): FCP and LCP are when
-// they painted after the click; DCL and load, for a page prerendered before
-// the click, are 0. `prerendered` tells whether the article was activated
+// shares): FCP and LCP are when they painted after the click; DCL and load,
+// for a page prerendered before the click, are 0. `prerendered` tells whether the article was activated
 // from a prerender (its navigation entry has an activationStart). With
 // `persistent` the visit runs in the profile the browser was launched with;
 // otherwise in a fresh context (empty cache, no worker). `onHomeShown` runs
